@@ -1,0 +1,317 @@
+#include "vutil/keyfile.h"
+
+#include <sys/stat.h>
+
+#include <cmath>
+#include <stdexcept>
+#include <system_error>
+#include <thread>
+#include <vector>
+
+#include "support.h"
+#include "vutil/io.h"
+
+namespace vutil {
+namespace {
+
+class KeyFiles : public InFolder {
+ protected:
+  KeyFile load(const std::string& text) {
+    put("file", text);
+    return KeyFile("file", 0600);
+  }
+};
+
+TEST_F(KeyFiles, TextIsReadAndWrittenInOrder) {
+  const struct {
+    std::string text;
+    std::string document;
+  } cases[] = {
+      {"", ""},
+      {" \n\t\n# only\n ; comments", ""},
+      {"[b]\ny=2\nx=1\n[a]\n[B]", "[B]\n[a]\n[b]\nx=1\ny=2\n"},
+      {"[a]\nk=1\n[b]\n[a]\nj=2\nk=3\n", "[a]\nj=2\nk=3\n[b]\n"},
+      {"  [a] trailing words\r\n\tk = v \r\n", "[a]\nk=v\n"},
+      {"[ a ]\n[a=b[c]]\n", "[ a ]\n[a=b[c]\n"},
+      {"[a]\nk = a = b\n=v\nj=", "[a]\n=v\nj=\nk=a = b\n"},
+      {"[a]\nk=v # note\nl=v ; note\nm=#\n#n=1\n", "[a]\nk=v\nl=v\nm=\n"},
+      {"[a\\#1]\nk=v \\# not\\;e ; note\n\\;j=\\\\#\n", "[a\\#1]\n\\;j=\\\\#\nk=v \\# not\\;e\n"},
+      {"[a]\nk=\\\\ \\n\nj=\\##cut\nl=\\#;cut\\#\n", "[a]\nj=\\#\nk=\\\\ \\n\nl=\\#\n"},
+      {std::string("[a\0b]\n\0=\0\n", 10), std::string("[a\0b]\n\0=\0\n", 10)},
+      {"[a]\n\xff=\n\x7f=\n", "[a]\n\x7f=\n\xff=\n"},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(load(c.text).toString(), c.document);
+    EXPECT_EQ(load(c.document).toString(), c.document);
+  }
+}
+
+TEST_F(KeyFiles, MalformedTextIsReportedWithItsLine) {
+  const struct {
+    std::string text;
+    std::string message;
+  } cases[] = {
+      {"[a]\n\n# note\n[b", "l.4: ini parsing failed, section not closed"},
+      {"[a#]\n", "l.1: ini parsing failed, section not closed"},
+      {"\r\n[]a]\n", "l.2: ini parsing failed, section is empty"},
+      {"k=v\n[a]\n", "l.1: ini parsing failed, field has no section"},
+      {"[a]\nk=v\n  more\n", "l.3: ini parsing failed, no '=' found"},
+      {"[a]\n\\#k", "l.2: ini parsing failed, no '=' found"},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(lines_of([&] {
+                try {
+                  load(c.text);
+                  ADD_FAILURE() << c.text;
+                } catch (const std::exception& error) {
+                  EXPECT_EQ(typeid(error), typeid(std::logic_error));
+                  EXPECT_EQ(error.what(), c.message);
+                }
+              }),
+              "<3>Failed to read keyfile at file: " + c.message + "\n");
+    EXPECT_EQ(text_of("file"), c.text);
+  }
+}
+
+// Reads each text of [s] k through `get`, and says what comes of it.
+template <typename T, typename Get>
+void expect_readings(const std::vector<std::string>& good, const std::vector<T>& values,
+                     const std::vector<std::string>& bad, const std::string& reason, T other,
+                     Get get) {
+  KeyFile file("file", 0600);
+  for (size_t i = 0; i < good.size(); ++i) {
+    T value = other;
+    EXPECT_TRUE(file.setString("s", "k", good[i]) && get(file, value)) << good[i];
+    EXPECT_EQ(value, values[i]) << good[i];
+  }
+  for (const std::string& text : bad) {
+    T value = other;
+    EXPECT_TRUE(file.setString("s", "k", text));
+    EXPECT_EQ(lines_of([&] { EXPECT_FALSE(get(file, value)) << text; }),
+              "<3>Failed to get s::k : " + reason + "\n");
+    EXPECT_EQ(value, other);
+    EXPECT_EQ(file.toString(), "[s]\nk=" + text + "\n");
+  }
+}
+
+TEST_F(KeyFiles, ValuesAreReadByTheRulesOfTheirType) {
+  expect_readings<int>({"42", "-0", "0123", "0x1F", "0X1f", "0x-1f", "0x7FFFFFFF", "2147483647",
+                        "-2147483648", std::string("7\0x", 3)},
+                       {42, 0, 123, 31, 31, -31, 2147483647, 2147483647, -2147483647 - 1, 7},
+                       {"2147483648", "-2147483649", "0x80000000", "99999999999", "", "-", "+5",
+                        " 42", "42 ", "42abc", "1e3", "4.0", "0x", "0xG", "x1"},
+                       "field is not an int", 99,
+                       [](auto& f, int& v) { return f.getInteger("s", "k", v, 1); });
+  expect_readings<double>({"3.5", " 2.5", "2.5 volts", "1e3", "0x1p3", "-Infinity", "-0"},
+                          {3.5, 2.5, 2.5, 1000, 8, -HUGE_VAL, -0.0}, {"", "abc", "1e400", "1e-400"},
+                          "stod", 99,
+                          [](auto& f, double& v) { return f.getDouble("s", "k", v, 1); });
+  expect_readings<bool>({"true", "TRUE", "tRuE", "False"}, {true, true, true, false},
+                        {"", "yes", "1", "0", "on", " true", "true ", "truer", "tru"},
+                        "field is not a bool", true,
+                        [](auto& f, bool& v) { return f.getBoolean("s", "k", v, false); });
+}
+
+TEST_F(KeyFiles, ValuesAreStoredInTheTextFormOfTheirType) {
+  KeyFile file("file", 0640);
+  const double third = 3.14159265;
+  for (const auto& [value, text] : std::vector<std::pair<double, std::string>>{{0.1, "0.1"},
+                                                                               {1e6, "1e+06"},
+                                                                               {123456.7, "123457"},
+                                                                               {NAN, "nan"},
+                                                                               {-0.0, "-0"},
+                                                                               {third, "3.14159"},
+                                                                               {2, "2"},
+                                                                               {-HUGE_VAL, "-inf"},
+                                                                               {1e-7, "1e-07"}}) {
+    EXPECT_TRUE(file.setDouble("s", "k", value));
+    EXPECT_EQ(text_of("file"), "[s]\nk=" + text + "\n");
+  }
+  EXPECT_TRUE(file.setInteger("s", "k", -2147483647 - 1) && file.setBoolean("s", "b", false));
+  EXPECT_TRUE(file.setString("s", "t", " # ; = [x] \\ "));
+  EXPECT_EQ(text_of("file"), "[s]\nb=false\nk=-2147483648\nt= \\# \\; = [x] \\ \n");
+  struct stat status = {};
+  ASSERT_EQ(stat("file", &status), 0);
+  EXPECT_EQ(status.st_mode & 07777, 0640u);
+  EXPECT_EQ(KeyFile("file", 0).toString(), "[s]\nb=false\nk=-2147483648\nt=\\# \\; = [x] \\\n");
+}
+
+TEST_F(KeyFiles, ADefaultIsStoredOnceAndReadBack) {
+  int saves = 0;
+  KeyFile file("file", 0600, [&](std::string&, KeyFile::Operation) { ++saves; });
+  int number = 0;
+  EXPECT_TRUE(file.getInteger("net", "retries", number, 3) && number == 3);
+  EXPECT_TRUE(file.getInteger("net", "retries", number, 5) && number == 3);
+  EXPECT_EQ(saves, 1);
+  double real = 0;
+  EXPECT_TRUE(file.getDouble("net", "pi", real, 3.14159265));
+  EXPECT_EQ(real, 3.14159);
+  bool flag = false;
+  EXPECT_TRUE(file.getBoolean("a", "flag", flag, true) && flag);
+  std::string text = "both the output and the default";
+  EXPECT_TRUE(file.getString("net", "text", text, text));
+  EXPECT_EQ(text, "both the output and the default");
+  EXPECT_EQ(text_of("file"), "[a]\nflag=true\n[net]\npi=3.14159\nretries=3\ntext=" + text + "\n");
+  EXPECT_EQ(saves, 4);
+  EXPECT_TRUE(file.setInteger("net", "retries", 3));
+  EXPECT_EQ(saves, 5);  // also when nothing changes
+  EXPECT_EQ(lines_of([&] { EXPECT_FALSE(file.getDouble("net", "tiny", real, 1e-310)); }),
+            "<3>Failed to get net::tiny : stod\n");
+  EXPECT_EQ(saves, 6);
+  EXPECT_EQ(real, 3.14159);
+}
+
+TEST_F(KeyFiles, TextThatTheFormatCannotCarryIsRefused) {
+  KeyFile file = load("[a]\nk=v\n");
+  const struct {
+    std::string section, key, value, reason;
+  } cases[] = {
+      {"", "k", "v", "the section name is empty"},
+      {"a]", "k", "v", "the section name holds ']' or a line feed"},
+      {"a\n<2>forged", "k", "v", "the section name holds ']' or a line feed"},
+      {"b", "k=", "v", "the key holds '=' or a line feed"},
+      {"b", "k\n", "v", "the key holds '=' or a line feed"},
+      {"b", "[k", "v", "the key begins with '['"},
+      {"b", " k", "v", "the key begins or ends with white space"},
+      {"b", "k\v", "v", "the key begins or ends with white space"},
+      {"b", "k", "v\n", "the value holds a line feed"},
+  };
+  for (const auto& c : cases) {
+    const auto line = "<3>Refused to store in 'file': " + c.reason + "\n";
+    std::string value = "as it was";
+    EXPECT_EQ(lines_of([&] { EXPECT_FALSE(file.setString(c.section, c.key, c.value)); }), line);
+    EXPECT_EQ(lines_of([&] { EXPECT_FALSE(file.getString(c.section, c.key, value, c.value)); }),
+              line);
+    EXPECT_EQ(value, "as it was");
+    EXPECT_EQ(file.toString(), text_of("file"));
+  }
+  std::string value;
+  EXPECT_TRUE(file.getString("a", "k", value, "unused\n") && value == "v");
+  EXPECT_TRUE(file.setString("\t#[", std::string("\0;", 2), "\\"));
+  EXPECT_EQ(KeyFile("file", 0600).toString(), file.toString());
+}
+
+TEST_F(KeyFiles, TheCallbackRewritesTheTextBothWays) {
+  std::string seen;
+  put("file", "<[a]\nk=1\n");
+  KeyFile file("file", 0600, [&](std::string& text, KeyFile::Operation operation) {
+    seen += std::to_string(static_cast<int>(operation)) + text + "|";
+    text = operation == KeyFile::Operation::Read ? text.substr(1) : "<" + text;
+  });
+  file.write();
+  EXPECT_EQ(seen, "0<[a]\nk=1\n|1[a]\nk=1\n|");
+  EXPECT_EQ(file.toString(), "[a]\nk=1\n");
+  EXPECT_EQ(text_of("file"), "<[a]\nk=1\n");
+}
+
+TEST_F(KeyFiles, WhatTheCallbackThrowsPreventsTheSaveOnly) {
+  enum { NOTHING, ERROR, FOREIGN, REENTER } action = NOTHING;
+  KeyFile* self = nullptr;
+  KeyFile file("file", 0600, [&](std::string&, KeyFile::Operation) {
+    if (action == ERROR) throw std::runtime_error("disk full");
+    if (action == FOREIGN) throw 42;
+    if (action == REENTER) self->setInteger("net", "port", 0);
+  });
+  self = &file;
+  EXPECT_TRUE(file.setInteger("net", "port", 1));
+  int port = 0;
+  action = ERROR;
+  const std::string longer(100, 'x');
+  EXPECT_EQ(lines_of([&] {
+              EXPECT_FALSE(file.setInteger("net", "port", 80));
+              EXPECT_FALSE(file.setBoolean("net", "tls", true));
+              EXPECT_FALSE(file.setDouble("net", "rate", 1e6));
+              EXPECT_FALSE(file.setString("net", "name", longer));
+              EXPECT_FALSE(file.getInteger("net", "new", port, 7));
+            }),
+            "<3>Failed to set net::port=80: disk full\n<3>Failed to set net::tls=1: disk full\n"
+            "<3>Failed to set net::rate=1e+06: disk full\n<3>Failed to set net::name=" +
+                longer + ": disk full\n<3>Failed to get net::new : disk full\n");
+  EXPECT_EQ(port, 0);
+  action = FOREIGN;
+  EXPECT_EQ(lines_of([&] { EXPECT_THROW(file.setInteger("net", "port", 81), int); }), "");
+  EXPECT_EQ(text_of("file"), "[net]\nport=1\n");
+  action = REENTER;
+  EXPECT_EQ(lines_of([&] { EXPECT_FALSE(file.setInteger("net", "port", 82)); }),
+            "<3>Failed to set net::port=82: Resource deadlock avoided\n");
+  action = NOTHING;
+  EXPECT_TRUE(file.getInteger("net", "port", port, 0) && port == 82);
+  file.write();
+  EXPECT_EQ(text_of("file"), file.toString());
+  put("file", "[a\n");
+  EXPECT_EQ(lines_of([] { EXPECT_THROW(KeyFile("file", 0, [](auto&, auto) { throw 1; }), int); }),
+            "");
+}
+
+TEST_F(KeyFiles, AFileThatCannotBeReadOrSavedIsReported) {
+  const std::string unwritable =
+      "<3>Failed to open path 'none/file.tmp' for writing: No such file or directory\n"
+      "<3>Failed when writing contents to temporary file.\n"
+      "<3>Failed to save key file to 'none/file': No such file or directory\n";
+  KeyFile file("none/file", 0600);
+  EXPECT_EQ(lines_of([&] { EXPECT_TRUE(file.setInteger("a", "k", 1)); }), unwritable);
+  EXPECT_EQ(lines_of([&] { file.write(); }), unwritable);
+  EXPECT_EQ(file.toString(), "[a]\nk=1\n");
+  EXPECT_EQ(lines_of([] { KeyFile("", 0600).write(); }),
+            "<2>src/io.cpp:266: get_file_contents: Assertion `!path.empty()' failed.\n"
+            "<2>src/io.cpp:333: set_file_contents: Assertion `!path.empty()' failed.\n"
+            "<3>Failed to save key file to '': Invalid argument\n");
+}
+
+TEST_F(KeyFiles, MovesHandOverTheDocumentAndLeaveASafeObject) {
+  auto owned = std::make_shared<int>();
+  KeyFile first("first", 0600, [owned](std::string&, KeyFile::Operation) {});
+  KeyFile second("second", 0600);
+  EXPECT_TRUE(first.setInteger("a", "k", 1) && second.setInteger("b", "k", 2));
+  KeyFile& alias = first;
+  first = std::move(alias);
+  EXPECT_EQ(first.toString(), "[a]\nk=1\n");
+  first = std::move(second);
+  EXPECT_EQ(owned.use_count(), 1);
+  EXPECT_TRUE(first.setInteger("b", "k", 3));
+  EXPECT_EQ(text_of("second"), "[b]\nk=3\n");
+  std::string text = "as it was";
+  const auto lines = lines_of([&] {
+    EXPECT_EQ(second.toString(), "");
+    second.write();
+    EXPECT_FALSE(second.getString("a", "k", text, ""));
+    EXPECT_FALSE(second.setBoolean("a", "k", true));
+  });
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), '\n'), 4);
+  EXPECT_EQ(lines.find("<2>src/keyfile.cpp:"), 0u);
+  EXPECT_EQ(text, "as it was");
+  second = KeyFile(std::move(first));
+  EXPECT_EQ(second.toString(), "[b]\nk=3\n");
+}
+
+TEST_F(KeyFiles, ThreadsTakeTurnsOnOneObject) {
+  int inside = 0;  // not atomic: the thread sanitizer sees callbacks that overlap
+  KeyFile file("shared", 0600, [&](std::string&, KeyFile::Operation) {
+    EXPECT_EQ(++inside, 1);
+    --inside;
+  });
+  std::vector<std::thread> threads;
+  for (int id = 0; id < 4; ++id) {
+    threads.emplace_back([&file, id] {
+      const std::string own = std::to_string(id);
+      KeyFile apart("apart" + own, 0600);
+      for (int i = 0; i < 10; ++i) {
+        int number = 0;
+        double real = 0;
+        bool flag = false;
+        std::string text;
+        EXPECT_TRUE(file.setInteger(own, "i", i) && file.getInteger(own, "i", number, -1));
+        EXPECT_EQ(number, i);
+        EXPECT_TRUE(file.setDouble("s", "d", 0.5) && file.getDouble("s", "d", real, 0));
+        EXPECT_TRUE(file.setBoolean("s", "b", true) && file.getBoolean("s", "b", flag, false));
+        EXPECT_TRUE(file.setString("s", "t", own) && file.getString("s", "t", text, ""));
+        EXPECT_TRUE(apart.setInteger("s", "i", i));
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(text_of("shared"), file.toString());
+}
+
+}  // namespace
+}  // namespace vutil
