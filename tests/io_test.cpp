@@ -227,7 +227,9 @@ void send(int socket, std::string text, size_t fds) {
   message.msg_iovlen = 1;
   message.msg_control = control.data();
   message.msg_controllen = CMSG_SPACE(fds * sizeof(int));
-  *CMSG_FIRSTHDR(&message) = {CMSG_LEN(fds * sizeof(int)), SOL_SOCKET, SCM_RIGHTS};
+  cmsghdr* const header = CMSG_FIRSTHDR(&message);
+  ASSERT_NE(header, nullptr);
+  *header = {CMSG_LEN(fds * sizeof(int)), SOL_SOCKET, SCM_RIGHTS};
   if (fds == 0) message.msg_controllen = 0;
   ASSERT_EQ(sendmsg(socket, &message, 0), static_cast<ssize_t>(text.size()));
 }

@@ -2,10 +2,12 @@
 
 #include <sys/stat.h>
 
+#include <array>
 #include <cmath>
 #include <stdexcept>
-#include <system_error>
 #include <thread>
+#include <typeinfo>
+#include <utility>
 #include <vector>
 
 #include "support.h"
@@ -23,92 +25,94 @@ class KeyFiles : public InFolder {
 };
 
 TEST_F(KeyFiles, TextIsReadAndWrittenInOrder) {
-  const struct {
-    std::string text;
-    std::string document;
-  } cases[] = {
-      {"", ""},
-      {" \n\t\n# only\n ; comments", ""},
-      {"[b]\ny=2\nx=1\n[a]\n[B]", "[B]\n[a]\n[b]\nx=1\ny=2\n"},
-      {"[a]\nk=1\n[b]\n[a]\nj=2\nk=3\n", "[a]\nj=2\nk=3\n[b]\n"},
-      {"  [a] trailing words\r\n\tk = v \r\n", "[a]\nk=v\n"},
-      {"[ a ]\n[a=b[c]]\n", "[ a ]\n[a=b[c]\n"},
-      {"[a]\nk = a = b\n=v\nj=", "[a]\n=v\nj=\nk=a = b\n"},
-      {"[a]\nk=v # note\nl=v ; note\nm=#\n#n=1\n", "[a]\nk=v\nl=v\nm=\n"},
-      {"[a\\#1]\nk=v \\# not\\;e ; note\n\\;j=\\\\#\n", "[a\\#1]\n\\;j=\\\\#\nk=v \\# not\\;e\n"},
-      {"[a]\nk=\\\\ \\n\nj=\\##cut\nl=\\#;cut\\#\n", "[a]\nj=\\#\nk=\\\\ \\n\nl=\\#\n"},
-      {std::string("[a\0b]\n\0=\0\n", 10), std::string("[a\0b]\n\0=\0\n", 10)},
-      {"[a]\n\xff=\n\x7f=\n", "[a]\n\x7f=\n\xff=\n"},
-  };
-  for (const auto& c : cases) {
-    EXPECT_EQ(load(c.text).toString(), c.document);
-    EXPECT_EQ(load(c.document).toString(), c.document);
+  for (const auto& [text, document] : std::vector<std::pair<std::string, std::string>>{
+           {"", ""},
+           {" \n\t\n# only\n ; comments", ""},
+           {"[b]\ny=2\nx=1\n[a]\n[B]", "[B]\n[a]\n[b]\nx=1\ny=2\n"},
+           {"[a]\nk=1\n[b]\n[a]\nj=2\nk=3\n", "[a]\nj=2\nk=3\n[b]\n"},
+           {"  [a] trailing words\r\n\tk = v \r\n", "[a]\nk=v\n"},
+           {"[ a ]\n[a=b[c]]\n", "[ a ]\n[a=b[c]\n"},
+           {"[a]\nk = a = b\n=v\nj=", "[a]\n=v\nj=\nk=a = b\n"},
+           {"[a]\nk=v # note\nl=v ; note\nm=#\n#n=1\n", "[a]\nk=v\nl=v\nm=\n"},
+           {"[a\\#1]\nk=v \\# not\\;e ; note\n\\;j=\\\\#\n",
+            "[a\\#1]\n\\;j=\\\\#\nk=v \\# not\\;e\n"},
+           {"[a]\nk=\\\\ \\n\nj=\\##cut\nl=\\#;cut\\#\n", "[a]\nj=\\#\nk=\\\\ \\n\nl=\\#\n"},
+           {std::string("[a\0b]\n\0=\0\n", 10), std::string("[a\0b]\n\0=\0\n", 10)},
+           {"[a]\n\xff=\n\x7f=\n", "[a]\n\x7f=\n\xff=\n"}}) {
+    EXPECT_EQ(load(text).toString(), document);
+    EXPECT_EQ(load(document).toString(), document);
   }
 }
 
 TEST_F(KeyFiles, MalformedTextIsReportedWithItsLine) {
-  const struct {
-    std::string text;
+  for (const auto& [text, reason] : std::vector<std::pair<std::string, std::string>>{
+           {"[a]\n\n# note\n[b", "l.4: ini parsing failed, section not closed"},
+           {"[a#]\n", "l.1: ini parsing failed, section not closed"},
+           {"\r\n[]a]\n", "l.2: ini parsing failed, section is empty"},
+           {"k=v\n[a]\n", "l.1: ini parsing failed, field has no section"},
+           {"[a]\nk=v\n  more\n", "l.3: ini parsing failed, no '=' found"},
+           {"[a]\n\\#k", "l.2: ini parsing failed, no '=' found"}}) {
     std::string message;
-  } cases[] = {
-      {"[a]\n\n# note\n[b", "l.4: ini parsing failed, section not closed"},
-      {"[a#]\n", "l.1: ini parsing failed, section not closed"},
-      {"\r\n[]a]\n", "l.2: ini parsing failed, section is empty"},
-      {"k=v\n[a]\n", "l.1: ini parsing failed, field has no section"},
-      {"[a]\nk=v\n  more\n", "l.3: ini parsing failed, no '=' found"},
-      {"[a]\n\\#k", "l.2: ini parsing failed, no '=' found"},
-  };
-  for (const auto& c : cases) {
-    EXPECT_EQ(lines_of([&] {
-                try {
-                  load(c.text);
-                  ADD_FAILURE() << c.text;
-                } catch (const std::exception& error) {
-                  EXPECT_EQ(typeid(error), typeid(std::logic_error));
-                  EXPECT_EQ(error.what(), c.message);
-                }
-              }),
-              "<3>Failed to read keyfile at file: " + c.message + "\n");
-    EXPECT_EQ(text_of("file"), c.text);
+    const auto line = lines_of([&, &text = text] {
+      try {
+        load(text);
+      } catch (const std::exception& error) {
+        if (typeid(error) == typeid(std::logic_error)) message = error.what();
+      }
+    });
+    EXPECT_EQ(message, reason);
+    EXPECT_EQ(line, "<3>Failed to read keyfile at file: " + reason + "\n");
+    EXPECT_EQ(text_of("file"), text);
   }
 }
 
-// Reads each text of [s] k through `get`, and says what comes of it.
+// Reads each text of [s] k through `get`, and compares what comes of it.
 template <typename T, typename Get>
-void expect_readings(const std::vector<std::string>& good, const std::vector<T>& values,
-                     const std::vector<std::string>& bad, const std::string& reason, T other,
-                     Get get) {
+void expect_readings(const std::vector<std::pair<std::string, T>>& good,
+                     const std::vector<std::string>& bad, const std::string& reason, Get get) {
   KeyFile file("file", 0600);
-  for (size_t i = 0; i < good.size(); ++i) {
-    T value = other;
-    EXPECT_TRUE(file.setString("s", "k", good[i]) && get(file, value)) << good[i];
-    EXPECT_EQ(value, values[i]) << good[i];
+  for (const auto& [text, expected] : good) {
+    T value{};
+    EXPECT_TRUE(file.setString("s", "k", text) && get(file, value)) << text;
+    EXPECT_EQ(value, expected) << text;
   }
   for (const std::string& text : bad) {
-    T value = other;
+    T value = good[0].second;
     EXPECT_TRUE(file.setString("s", "k", text));
     EXPECT_EQ(lines_of([&] { EXPECT_FALSE(get(file, value)) << text; }),
               "<3>Failed to get s::k : " + reason + "\n");
-    EXPECT_EQ(value, other);
+    EXPECT_EQ(value, good[0].second);
     EXPECT_EQ(file.toString(), "[s]\nk=" + text + "\n");
   }
 }
 
 TEST_F(KeyFiles, ValuesAreReadByTheRulesOfTheirType) {
-  expect_readings<int>({"42", "-0", "0123", "0x1F", "0X1f", "0x-1f", "0x7FFFFFFF", "2147483647",
-                        "-2147483648", std::string("7\0x", 3)},
-                       {42, 0, 123, 31, 31, -31, 2147483647, 2147483647, -2147483647 - 1, 7},
+  expect_readings<int>({{"42", 42},
+                        {"-0", 0},
+                        {"0123", 123},
+                        {"0x1F", 31},
+                        {"0X1f", 31},
+                        {"0x-1f", -31},
+                        {"0x7FFFFFFF", 2147483647},
+                        {"2147483647", 2147483647},
+                        {"-2147483648", -2147483647 - 1},
+                        {std::string("7\0x", 3), 7}},
                        {"2147483648", "-2147483649", "0x80000000", "99999999999", "", "-", "+5",
                         " 42", "42 ", "42abc", "1e3", "4.0", "0x", "0xG", "x1"},
-                       "field is not an int", 99,
+                       "field is not an int",
                        [](auto& f, int& v) { return f.getInteger("s", "k", v, 1); });
-  expect_readings<double>({"3.5", " 2.5", "2.5 volts", "1e3", "0x1p3", "-Infinity", "-0"},
-                          {3.5, 2.5, 2.5, 1000, 8, -HUGE_VAL, -0.0}, {"", "abc", "1e400", "1e-400"},
-                          "stod", 99,
+  expect_readings<double>({{"3.5", 3.5},
+                           {" 2.5", 2.5},
+                           {"2.5 volts", 2.5},
+                           {"1e3", 1000},
+                           {"0x1p3", 8},
+                           {"-Infinity", -HUGE_VAL},
+                           {"-0", -0.0}},
+                          {"", "abc", "1e400", "1e-400"}, "stod",
                           [](auto& f, double& v) { return f.getDouble("s", "k", v, 1); });
-  expect_readings<bool>({"true", "TRUE", "tRuE", "False"}, {true, true, true, false},
+  expect_readings<bool>({{"true", true}, {"TRUE", true}, {"tRuE", true}, {"False", false}},
                         {"", "yes", "1", "0", "on", " true", "true ", "truer", "tru"},
-                        "field is not a bool", true,
+                        "field is not a bool",
                         [](auto& f, bool& v) { return f.getBoolean("s", "k", v, false); });
 }
 
@@ -163,27 +167,25 @@ TEST_F(KeyFiles, ADefaultIsStoredOnceAndReadBack) {
 
 TEST_F(KeyFiles, TextThatTheFormatCannotCarryIsRefused) {
   KeyFile file = load("[a]\nk=v\n");
-  const struct {
-    std::string section, key, value, reason;
-  } cases[] = {
-      {"", "k", "v", "the section name is empty"},
-      {"a]", "k", "v", "the section name holds ']' or a line feed"},
-      {"a\n<2>forged", "k", "v", "the section name holds ']' or a line feed"},
-      {"b", "k=", "v", "the key holds '=' or a line feed"},
-      {"b", "k\n", "v", "the key holds '=' or a line feed"},
-      {"b", "[k", "v", "the key begins with '['"},
-      {"b", " k", "v", "the key begins or ends with white space"},
-      {"b", "k\v", "v", "the key begins or ends with white space"},
-      {"b", "k", "v\n", "the value holds a line feed"},
-  };
-  for (const auto& c : cases) {
-    const auto line = "<3>Refused to store in 'file': " + c.reason + "\n";
+  for (const auto& [section, key, text, reason] : std::vector<std::array<std::string, 4>>{
+           {"", "k", "v", "the section name is empty"},
+           {"a]", "k", "v", "the section name holds ']' or a line feed"},
+           {"a\n<2>forged", "k", "v", "the section name holds ']' or a line feed"},
+           {"b", "k=", "v", "the key holds '=' or a line feed"},
+           {"b", "k\n", "v", "the key holds '=' or a line feed"},
+           {"b", "[k", "v", "the key begins with '['"},
+           {"b", " k", "v", "the key begins or ends with white space"},
+           {"b", "k\v", "v", "the key begins or ends with white space"},
+           {"b", "k", "v\n", "the value holds a line feed"}}) {
     std::string value = "as it was";
-    EXPECT_EQ(lines_of([&] { EXPECT_FALSE(file.setString(c.section, c.key, c.value)); }), line);
-    EXPECT_EQ(lines_of([&] { EXPECT_FALSE(file.getString(c.section, c.key, value, c.value)); }),
-              line);
-    EXPECT_EQ(value, "as it was");
-    EXPECT_EQ(file.toString(), text_of("file"));
+    bool stored = true;
+    const auto lines = lines_of([&, &section = section, &key = key, &text = text] {
+      stored = file.setString(section, key, text) || file.getString(section, key, value, text);
+    });
+    const auto line = "<3>Refused to store in 'file': " + reason + "\n";
+    EXPECT_EQ(lines, line + line);
+    EXPECT_TRUE(!stored && value == "as it was" && file.toString() == "[a]\nk=v\n");
+    EXPECT_EQ(text_of("file"), "[a]\nk=v\n");
   }
   std::string value;
   EXPECT_TRUE(file.getString("a", "k", value, "unused\n") && value == "v");
@@ -271,8 +273,8 @@ TEST_F(KeyFiles, MovesHandOverTheDocumentAndLeaveASafeObject) {
   EXPECT_TRUE(first.setInteger("b", "k", 3));
   EXPECT_EQ(text_of("second"), "[b]\nk=3\n");
   std::string text = "as it was";
-  const auto lines = lines_of([&] {
-    EXPECT_EQ(second.toString(), "");
+  const auto lines = lines_of([&] {    // NOLINT(bugprone-use-after-move): it must be safe
+    EXPECT_EQ(second.toString(), "");  // NOLINT(clang-analyzer-cplusplus.Move)
     second.write();
     EXPECT_FALSE(second.getString("a", "k", text, ""));
     EXPECT_FALSE(second.setBoolean("a", "k", true));
@@ -290,9 +292,9 @@ TEST_F(KeyFiles, ThreadsTakeTurnsOnOneObject) {
     EXPECT_EQ(++inside, 1);
     --inside;
   });
-  std::vector<std::thread> threads;
-  for (int id = 0; id < 4; ++id) {
-    threads.emplace_back([&file, id] {
+  std::array<std::thread, 4> threads;
+  for (size_t id = 0; id < threads.size(); ++id) {
+    threads[id] = std::thread([&file, id] {
       const std::string own = std::to_string(id);
       KeyFile apart("apart" + own, 0600);
       for (int i = 0; i < 10; ++i) {
