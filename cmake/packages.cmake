@@ -1,0 +1,37 @@
+# Debian packages, by CPack: libvemra-util0 with the library, libvemra-util-dev with the rest.
+set(doc_dir ${CMAKE_INSTALL_DATAROOTDIR}/doc)
+install(FILES README.md CHANGELOG.md DESTINATION ${doc_dir}/libvemra-util-dev COMPONENT development)
+install(DIRECTORY examples DESTINATION ${doc_dir}/libvemra-util-dev COMPONENT development)
+install(FILES LICENSE DESTINATION ${doc_dir}/libvemra-util-dev RENAME copyright
+  COMPONENT development)
+install(FILES LICENSE DESTINATION ${doc_dir}/libvemra-util0 RENAME copyright COMPONENT runtime)
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME ${PROJECT_NAME})
+set(CPACK_PACKAGE_CONTACT "libvemra-util maintainers <maintainers@example.org>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY ${PROJECT_DESCRIPTION})
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
+  OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
+set(full_version ${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE})
+
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libvemra-util0)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/cmake/triggers)
+set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "This package holds the shared library.")
+
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libvemra-util-dev)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "libvemra-util0 (= ${full_version})")
+set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION
+  "This package holds what is needed to build programs with it, and its manual.")
+
+include(CPack)
