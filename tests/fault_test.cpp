@@ -1,34 +1,20 @@
 // The error paths: each system call and each allocation of each operation fails in turn.
-#include <fcntl.h>
-#include <sys/socket.h>
-#include <sys/uio.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <array>
-#include <cerrno>
 #include <cstring>
-#include <functional>
 #include <new>
 #include <optional>
-#include <sstream>
-#include <tuple>
 
 #include "faults.h"
 #include "support.h"
-#include "vutil/io.h"
-#include "vutil/keyfile.h"
 
 namespace vutil {
 namespace {
 
-using namespace std::chrono_literals;
-
-// A system call of an operation, with FD for the first descriptor that it opens; what is printed if
-// the call fails, with % for the text of its errno; and whether the operation then fails.
+// A system call; what the operation prints if the call fails; and whether the operation then fails.
 struct Step {
   std::string call, lines;
-  bool fails = true;
+  bool fails = false;
 };
 
 struct Operation {
@@ -41,7 +27,38 @@ const std::string VALUE(50, '1');  // long enough to be allocated
 const std::string OLD = "[a]\nold=" + VALUE + "\n";
 const std::string NEW = "[a]\nnew=22\nold=" + VALUE + "\n";
 
-std::string octal(int number) { return (std::ostringstream() << " " << std::oct << number).str(); }
+// The calls of each operation, a line each, in which FD is the first descriptor that is opened: *
+// for a call whose failure is not that of the operation, the call, and the lines that its failure
+// prints.
+constexpr char RENAME[] = R"(rename target.tmp target|RENAMING
+*open . READING|<4>Failed to fsync '.': %
+*fsync FD|<4>Failed to fsync '.': %
+*close FD)";
+constexpr char SAVE[] = R"(unlink target.tmp|<3>Failed to unlink 'target.tmp': %
+open target.tmp CREATING|<3>Failed to open path 'target.tmp' for writing: %|WHEN
+write FD NEW|<3>Failed to write contents to 'target.tmp': %|WHEN
+fsync FD|<3>Failed to fsync 'target.tmp': %|WHEN
+chmod target.tmp 640|<3>Failed to change permissions of 'target.tmp': %|WHEN
+*close FD
+chmod target.tmp 640|<3>Failed to change permissions of 'target.tmp': %
+rename target.tmp target|RENAMING|RENAMING
+*open . READING|<4>Failed to fsync '.': %
+*fsync FD|<4>Failed to fsync '.': %
+*close FD)";
+constexpr char WRITE_INPLACE[] =
+    R"(open target WRITING|<3>Failed to open path 'target' for writing: %
+write FD 10|<3>Failed to write contents to 'target': %
+*close FD)";
+constexpr char READ[] = R"(open target READING|<3>Failed to open 'target': %
+lseek FD 0 2|<3>Failed to seek to end of 'target': %
+lseek FD 0 0|<3>Failed to seek to start of 'target': %
+read FD OLD|<3>Failed to read contents from 'target': %
+*close FD)";
+constexpr char FLUSH[] = R"(open target READING
+fsync FD
+*close FD)";
+
+std::string octal(auto number) { return (std::ostringstream() << std::oct << number).str(); }
 
 std::string replaced(std::string text, const std::string& what, const std::string& by) {
   for (size_t at = 0; (at = text.find(what, at)) != std::string::npos; at += by.size()) {
@@ -50,111 +67,59 @@ std::string replaced(std::string text, const std::string& what, const std::strin
   return text;
 }
 
+// `last_line` is printed after the lines of each failure of the operation.
+std::vector<Step> parsed(std::string text, const std::string& last_line) {
+  const std::vector<std::pair<std::string, std::string>> words = {
+      {"CREATING", octal(O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC) + " 640"},
+      {"READING", octal(O_RDONLY | O_CLOEXEC) + " 0"},
+      {"WRITING", octal(O_WRONLY | O_CLOEXEC) + " 0"},
+      {"RENAMING", "<3>Failed to rename 'target.tmp' -> 'target': %"},
+      {"WHEN", "<3>Failed when writing contents to temporary file."},
+      {"NEW", octal(NEW.size())},
+      {"OLD", octal(OLD.size())}};
+  for (const auto& [word, meaning] : words) text = replaced(text, word, meaning);
+  std::istringstream stream(text);
+  std::vector<Step> steps;
+  for (std::string line; std::getline(stream, line);) {
+    const bool fails = line[0] != '*';
+    const size_t end = std::min(line.find('|'), line.size());
+    std::string lines = end == line.size() ? "" : line.substr(end + 1) + "|";
+    if (fails) lines += last_line;
+    steps.push_back(
+        {line.substr(fails ? 0 : 1, end - (fails ? 0 : 1)), replaced(lines, "|", "\n"), fails});
+  }
+  return steps;
+}
+
 class Faults : public InFolder {
  protected:
-  Faults() { EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends_.data()), 0); }
-  ~Faults() override { std::for_each(ends_.begin(), ends_.end(), xclose); }
-
   void prepare() {
     put("target", OLD);
+    if (!exists("target.tmp")) put("target.tmp", "left over");
     file_.emplace("target", 0640u);
-    feed();
-  }
-  void feed() {
-    if (!std::filesystem::exists("target.tmp")) put("target.tmp", "left over");
-    EXPECT_EQ(read_drain(ends_[0], SIZE_MAX, 0ns), -ETIMEDOUT);
-    EXPECT_EQ(write_all(ends_[1], "data", nullptr), 0);
-  }
-
-  // Exchanges the data of a new message through `exchange`, which takes an array of buffers.
-  int with_buffer(const std::function<int(iovec*)>& exchange) {
-    char data[] = "data";
-    iovec entry = {data, 4};
-    return exchange(&entry);
   }
 
   std::vector<Operation> operations() {
-    const std::string in = octal(ends_[0]);
-    const std::string reading = octal(O_RDONLY | O_CLOEXEC) + " 0";
-    const std::string writing = octal(O_WRONLY | O_CLOEXEC) + " 0";
-    const std::string creating = octal(O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC) + " 640";
-    const std::string when = "<3>Failed when writing contents to temporary file.\n";
-    const std::string rename = "<3>Failed to rename 'target.tmp' -> 'target': %\n";
-    const std::string chmod = "<3>Failed to change permissions of 'target.tmp': %\n";
-    const std::string flush = "<4>Failed to fsync '.': %\n";
-    const std::vector<Step> renaming = {{"rename target.tmp target", rename},
-                                        {"open ." + reading, flush, false},
-                                        {"fsync FD", flush, false},
-                                        {"close FD", "", false}};
-    std::vector<Step> save = {{"unlink target.tmp", "<3>Failed to unlink 'target.tmp': %\n"},
-                              {"open target.tmp" + creating,
-                               "<3>Failed to open path 'target.tmp' for writing: %\n" + when},
-                              {"write FD" + octal(static_cast<int>(NEW.size())),
-                               "<3>Failed to write contents to 'target.tmp': %\n" + when},
-                              {"fsync FD", "<3>Failed to fsync 'target.tmp': %\n" + when},
-                              {"chmod target.tmp 640", chmod + when},
-                              {"close FD", "", false},
-                              {"chmod target.tmp 640", chmod}};
-    save.insert(save.end(), renaming.begin(), renaming.end());
-    save[7].lines += rename;
-    std::vector<Step> key_file_save = save;
-    for (Step& step : key_file_save) {
-      if (step.fails) step.lines += "<3>Failed to save key file to 'target': %\n";
-    }
-    return {
-        {NEW, [&] { return file_->setInteger("a", "new", 22) ? 0 : 1; }, key_file_save},
-        {NEW, [] { return set_file_contents("target", NEW, 0640); }, save},
-        {"left over", [] { return rename_fsync("target.tmp", "target"); }, renaming},
-        {"[b]\nnew=" + VALUE + "\n",
-         [] { return set_file_contents_inplace("target", "[b]\nnew="); },
-         {{"open target" + writing, "<3>Failed to open path 'target' for writing: %\n"},
-          {"write FD 10", "<3>Failed to write contents to 'target': %\n"},
-          {"close FD", "", false}}},
-        {OLD,
-         [] {
-           std::string contents;
-           const int result = get_file_contents("target", contents);
-           return result == 0 && contents != OLD ? 1 : result;
-         },
-         {{"open target" + reading, "<3>Failed to open 'target': %\n"},
-          {"lseek FD 0 2", "<3>Failed to seek to end of 'target': %\n"},
-          {"lseek FD 0 0", "<3>Failed to seek to start of 'target': %\n"},
-          {"read FD" + octal(static_cast<int>(OLD.size())),
-           "<3>Failed to read contents from 'target': %\n"},
-          {"close FD", "", false}}},
-        {OLD,
-         [] { return fsync_path("target"); },
-         {{"open target" + reading, ""}, {"fsync FD", ""}, {"close FD", "", false}}},
-        {OLD,
-         [&] {
-           return with_buffer([&](iovec* buffer) {
-             size_t count = 99;
-             const int result = read_timeout(ends_[0], buffer->iov_base, 4, &count, 1s);
-             return count == (result == 0 ? 4 : 0) ? result : 1;
-           });
-         },
-         {{"ppoll 1", "<3>read_deadline: ppoll: %\n"}, {"read" + in + " 4", ""}}},
-        {OLD,
-         [&] { return set_blocking(ends_[0], true); },
-         {{"fcntl" + in + " 3", ""}, {"fcntl" + in + " 4", ""}}},
-        {OLD,
-         [&] { return with_buffer([&](iovec* b) { return writev_all(ends_[0], b, 1, nullptr); }); },
-         {{"writev" + in + " 1", "<3>writev: %\n"}}},
-        {OLD,
-         [&] {
-           return with_buffer([&](iovec* buffer) {
-             size_t count = 0;
-             int fd = 99;
-             const int result = recvmsg_fd(ends_[0], buffer, 1, &count, &fd);
-             return fd == -1 ? result : 1;
-           });
-         },
-         {{"recvmsg" + in + " 0", ""}}}};
+    return {{NEW, [&] { return file_->setInteger("a", "new", 22) ? 0 : 1; },
+             parsed(SAVE, "<3>Failed to save key file to 'target': %\n")},
+            {NEW, [] { return set_file_contents("target", NEW, 0640); }, parsed(SAVE, "")},
+            {"left over", [] { return rename_fsync("target.tmp", "target"); }, parsed(RENAME, "")},
+            {"[b]\nnew=" + VALUE + "\n",
+             [] { return set_file_contents_inplace("target", "[b]\nnew="); },
+             parsed(WRITE_INPLACE, "")},
+            {OLD,
+             [] {
+               std::string contents;
+               const int result = get_file_contents("target", contents);
+               return result == 0 && contents != OLD ? 1 : result;
+             },
+             parsed(READ, "")},
+            {OLD, [] { return fsync_path("target"); }, parsed(FLUSH, "")}};
   }
 
   // Runs `operation` with its n-th call disturbed (0: with none), and checks what is left behind.
   void disturb(const Operation& operation, size_t n, int fault) {
-    const Step step = fault > 0 ? operation.steps[n - 1] : Step{"", "", false};
+    const Step step = fault > 0 ? operation.steps[n - 1] : Step{};
     SCOPED_TRACE(operation.steps[n == 0 ? 0 : n - 1].call + ": " + strerror(fault));
     prepare();
     const auto open_before = open_descriptors();
@@ -175,20 +140,20 @@ class Faults : public InFolder {
     EXPECT_TRUE(n != 0 || calls.size() == operation.steps.size());
     ASSERT_GE(calls.size(), n);
     for (size_t i = 0; i < (n == 0 ? calls.size() : n); ++i) {
-      EXPECT_EQ(calls[i], replaced(operation.steps[i].call, " FD", first_fd));
+      EXPECT_EQ(calls[i], replaced(operation.steps[i].call, "FD", first_fd));
     }
     EXPECT_EQ(text_of("target"), step.fails ? OLD : operation.new_text);
-    const bool keeps_tmp = step.call[0] == 'u' || step.call[0] == 'r' || operation.new_text != NEW;
-    const bool renames = operation.new_text == "left over" && !step.fails;
-    EXPECT_EQ(std::filesystem::exists("target.tmp"), keeps_tmp && !renames);
+    const bool saves = operation.new_text == NEW;
+    const bool renames = operation.new_text == "left over";
+    const bool keeps_tmp = step.call[0] == 'u' || step.call[0] == 'r' || !(saves || renames);
+    EXPECT_EQ(exists("target.tmp"), keeps_tmp);
     EXPECT_EQ(open_descriptors(), open_before);
-    feed();
+    if (!exists("target.tmp")) put("target.tmp", "left over");
     EXPECT_EQ(operation.run(), 0);
     EXPECT_EQ(text_of("target"), operation.new_text);
   }
 
   std::optional<KeyFile> file_;
-  std::array<int, 2> ends_{};
 };
 
 TEST_F(Faults, EverySystemCallMayFail) {
@@ -200,6 +165,35 @@ TEST_F(Faults, EverySystemCallMayFail) {
       if (call == "read " || call == "write") disturb(operation, n, faults::SHORTEN);
     }
   }
+}
+
+TEST_F(Faults, NothingIsTriedAgain) {
+  char byte = 'x';
+  iovec iov = {&byte, 1};
+  size_t count = 99;
+  int fd = 99;
+  int null = open("/dev/null", O_RDWR | O_CLOEXEC);
+  // What is run, which of its calls fails, and the line.
+  const std::vector<std::tuple<std::function<int()>, int, std::string>> cases = {
+      {[&] { return read_timeout(null, &byte, 1, &count, 1s); }, 1, "<3>read_deadline: ppoll: %\n"},
+      {[&] { return read_timeout(null, &byte, 1, &count, 1s); }, 2, ""},
+      {[&] { return recvmsg_fd(null, &iov, 1, &count, &fd); }, 1, ""},
+      {[&] { return writev_all(null, &iov, 1, &count); }, 1, "<3>writev: %\n"},
+      {[&] { return set_blocking(null, true); }, 1, ""},
+      {[&] { return set_blocking(null, true); }, 2, ""}};
+  for (const auto& [run, nth, line] : cases) {
+    int result = 0;
+    size_t calls = 0;
+    const auto lines = lines_of([&, &run = run, &nth = nth] {
+      faults::watch_calls(nth, EINTR);
+      result = run();
+      calls = faults::noted_calls().size();
+    });
+    EXPECT_EQ(std::tuple(result, calls), std::tuple(-EINTR, nth));
+    EXPECT_EQ(lines, replaced(line, "%", strerror(EINTR)));
+  }
+  EXPECT_EQ(std::tuple(fd, count), std::tuple(-1, 0));
+  xclose(null);
 }
 
 TEST_F(Faults, ACrashLeavesTheOldFileOrTheNew) {

@@ -2,12 +2,31 @@
 #ifndef VUTIL_TESTS_SUPPORT_H_
 #define VUTIL_TESTS_SUPPORT_H_
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/uio.h>
+#include <unistd.h>
 
+#include <array>
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
+#include <sstream>
 #include <string>
+#include <tuple>
+#include <vector>
+
+#include "vutil/io.h"
+#include "vutil/keyfile.h"
+
+namespace vutil {
+
+using std::filesystem::exists;
+using namespace std::chrono_literals;
 
 // Each test runs in a new folder in memory, and fails if it leaves a descriptor open.
 class InFolder : public testing::Test {
@@ -31,16 +50,16 @@ class InFolder : public testing::Test {
 inline void put(const std::string& path, const std::string& text) { std::ofstream(path) << text; }
 
 inline std::string text_of(const std::string& path) {
-  std::ifstream file(path);
-  return {std::istreambuf_iterator<char>(file), {}};
+  return (std::ostringstream() << std::ifstream(path).rdbuf()).str();
 }
 
 // What `call` writes to standard error.
-template <typename Call>
-std::string lines_of(Call call) {
+inline std::string lines_of(const std::function<void()>& call) {
   testing::internal::CaptureStderr();
   call();
   return testing::internal::GetCapturedStderr();
 }
+
+}  // namespace vutil
 
 #endif  // VUTIL_TESTS_SUPPORT_H_
