@@ -70,15 +70,21 @@ struct KeyFileImpl {
 
 namespace {
 
-// What may surround a name or value in a line. NUL is not among it: it is a character like any
-// other.
-constexpr std::string_view WHITE_SPACE = " \t\n\r\f\v";
+// Space, tab, line feed, vertical tab, form feed, carriage return, in any locale. NUL is not among
+// them: it is a character like any other.
+bool is_white_space(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 
-bool is_white_space(char c) { return WHITE_SPACE.find(c) != std::string_view::npos; }
+std::string_view trimmed(std::string_view text) {
+  while (!text.empty() && is_white_space(text.back())) text.remove_suffix(1);
+  while (!text.empty() && is_white_space(text.front())) text.remove_prefix(1);
+  return text;
+}
 
 void trim(std::string& text) {
-  text.erase(text.find_last_not_of(WHITE_SPACE) + 1);
-  text.erase(0, text.find_first_not_of(WHITE_SPACE));
+  const std::string_view kept = trimmed(text);
+  const auto begin = static_cast<size_t>(kept.data() - text.data());
+  text.resize(begin + kept.size());
+  text.erase(0, begin);
 }
 
 // Turns a mutex that has never been locked into an error-checking one, so that a content callback
@@ -140,12 +146,10 @@ void KeyFileImpl::parse(std::istream& stream) {
     if (end == std::string::npos) {
       fail_parsing(line_number, std::string("no '") + separator + "' found");
     }
-    std::string key = line.substr(0, end);
-    trim(key);
-    std::string value = line.substr(end + 1);
-    trim(value);
     // The hint makes a file in byte order, as every saved one is, linear to read.
-    current->insert_or_assign(current->end(), std::move(key), std::move(value));
+    const std::string_view view = line;
+    current->insert_or_assign(current->end(), std::string(trimmed(view.substr(0, end))),
+                              trimmed(view.substr(end + 1)));
   }
 }
 
@@ -203,7 +207,7 @@ void KeyFileImpl::stripComment(std::string& line) const {
       at = line.find(marker, done);
     }
     if (at != std::string::npos) line.resize(at);
-    line.replace(0, done, unescaped);
+    if (done > 0) line.replace(0, done, unescaped);
   }
 }
 
