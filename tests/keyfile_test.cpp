@@ -11,13 +11,24 @@ namespace {
 
 using Texts = std::vector<std::string>;
 
-class KeyFiles : public InFolder {
- protected:
-  static KeyFile load(const std::string& text) {
-    put("file", text);
-    return KeyFile("file", 0600);
-  }
-};
+class KeyFiles : public InFolder {};
+
+// The document of a file with `text`, or what is thrown, for which there must be a line.
+std::string outcome(const std::string& text) {
+  put("file", text);
+  std::string result;
+  const auto line = lines_of([&] {
+    try {
+      result = KeyFile("file", 0600).toString();
+    } catch (const std::exception& error) {
+      result = typeid(error) == typeid(std::logic_error) ? error.what() : "another exception";
+    }
+  });
+  const std::string middle = ": ini parsing failed, ";
+  const bool thrown = result.find(middle) != std::string::npos;
+  EXPECT_EQ(line, thrown ? "<3>Failed to read keyfile at file: " + result + "\n" : "") << text;
+  return thrown ? result.replace(result.find(middle), middle.size(), " ") : result;
+}
 
 TEST_F(KeyFiles, TextIsReadAndWrittenInOrder) {
   const std::vector<std::pair<std::string, std::string>> cases = {
@@ -32,33 +43,17 @@ TEST_F(KeyFiles, TextIsReadAndWrittenInOrder) {
       {"[a\\#1]\nk=v \\# not\\;e ; note\n\\;j=\\\\#\n", "[a\\#1]\n\\;j=\\\\#\nk=v \\# not\\;e\n"},
       {"[a]\nk=\\\\ \\n\nj=\\##cut\nl=\\#;cut\\#\n", "[a]\nj=\\#\nk=\\\\ \\n\nl=\\#\n"},
       {std::string("[a\0b]\n\0=\0\n", 10), std::string("[a\0b]\n\0=\0\n", 10)},
-      {"[a]\n\xff=\n\x7f=\n", "[a]\n\x7f=\n\xff=\n"}};
-  for (const auto& [text, document] : cases) {
-    EXPECT_EQ(load(text).toString(), document);
-    EXPECT_EQ(load(document).toString(), document);
-  }
-}
-
-TEST_F(KeyFiles, MalformedTextIsReportedWithItsLine) {
-  const std::vector<std::pair<std::string, std::string>> cases = {
-      {"[a]\n\n# note\n[b", "l.4: ini parsing failed, section not closed"},
-      {"[a#]\n", "l.1: ini parsing failed, section not closed"},
-      {"\r\n[]a]\n", "l.2: ini parsing failed, section is empty"},
-      {"k=v\n[a]\n", "l.1: ini parsing failed, field has no section"},
-      {"[a]\nk=v\n  more\n", "l.3: ini parsing failed, no '=' found"},
-      {"[a]\n\\#k", "l.2: ini parsing failed, no '=' found"}};
-  for (const auto& [text, reason] : cases) {
-    std::string message;
-    const auto line = lines_of([&, &text = text] {
-      try {
-        load(text);
-      } catch (const std::exception& error) {
-        if (typeid(error) == typeid(std::logic_error)) message = error.what();
-      }
-    });
-    EXPECT_EQ(message, reason);
-    EXPECT_EQ(line, "<3>Failed to read keyfile at file: " + reason + "\n");
+      {"[a]\n\xff=\n\x7f=\n", "[a]\n\x7f=\n\xff=\n"},
+      {"[a]\n\n# note\n[b", "l.4 section not closed"},
+      {"[a#]\n", "l.1 section not closed"},
+      {"\r\n[]a]\n", "l.2 section is empty"},
+      {"k=v\n[a]\n", "l.1 field has no section"},
+      {"[a]\nk=v\n  more\n", "l.3 no '=' found"},
+      {"[a]\n\\#k", "l.2 no '=' found"}};
+  for (const auto& [text, expected] : cases) {
+    EXPECT_EQ(outcome(text), expected);
     EXPECT_EQ(text_of("file"), text);
+    EXPECT_TRUE(expected[0] == 'l' || outcome(expected) == expected) << expected;
   }
 }
 
@@ -141,7 +136,8 @@ TEST_F(KeyFiles, ADefaultIsStoredOnceAndReadBack) {
 }
 
 TEST_F(KeyFiles, TextThatTheFormatCannotCarryIsRefused) {
-  KeyFile file = load("[a]\nk=v\n");
+  put("file", "[a]\nk=v\n");
+  KeyFile file("file", 0600);
   const std::vector<std::array<std::string, 4>> cases = {
       {"", "k", "v", "the section name is empty"},
       {"a]", "k", "v", "the section name holds ']' or a line feed"},
@@ -220,14 +216,6 @@ TEST_F(KeyFiles, WhatTheCallbackThrowsPreventsTheSaveOnly) {
             "");
 }
 
-TEST_F(KeyFiles, APathThatCannotBeUsedIsReported) {
-  KeyFile file("", 0600);
-  EXPECT_EQ(lines_of([&] { EXPECT_TRUE(file.setInteger("a", "k", 1)); }),
-            "<2>src/io.cpp:333: set_file_contents: Assertion `!path.empty()' failed.\n"
-            "<3>Failed to save key file to '': Invalid argument\n");
-  EXPECT_EQ(file.toString(), "[a]\nk=1\n");
-}
-
 TEST_F(KeyFiles, MovesHandOverTheDocumentAndLeaveASafeObject) {
   auto owned = std::make_shared<int>();
   KeyFile first("first", 0600, [owned](std::string&, KeyFile::Operation) {});
@@ -262,17 +250,15 @@ TEST_F(KeyFiles, ThreadsTakeTurnsOnOneObject) {
   std::array<std::thread, 4> threads;
   for (size_t id = 0; id < threads.size(); ++id) {
     threads[id] = std::thread([&file, own = std::to_string(id)] {
+      std::tuple<int, double, bool, std::string> read;
+      auto& [number, real, flag, text] = read;
       KeyFile apart("apart" + own, 0600);
       for (int i = 0; i < 10; ++i) {
-        int number = 0;
-        double real = 0;
-        bool flag = false;
-        std::string text;
         EXPECT_TRUE(file.setInteger(own, "i", i) && file.getInteger(own, "i", number, -1));
-        EXPECT_EQ(number, i);
-        EXPECT_TRUE(file.setDouble("s", "d", 0.5) && file.getDouble("s", "d", real, 0));
-        EXPECT_TRUE(file.setBoolean("s", "b", true) && file.getBoolean("s", "b", flag, false));
-        EXPECT_TRUE(file.setString("s", "t", own) && file.getString("s", "t", text, ""));
+        EXPECT_TRUE(file.setDouble(own, "d", 0.5) && file.getDouble(own, "d", real, 0));
+        EXPECT_TRUE(file.setBoolean(own, "b", true) && file.getBoolean(own, "b", flag, false));
+        EXPECT_TRUE(file.setString(own, "t", own) && file.getString(own, "t", text, ""));
+        EXPECT_EQ(read, std::tuple(i, 0.5, true, own));
         EXPECT_TRUE(apart.setInteger("s", "i", i));
       }
     });
