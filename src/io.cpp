@@ -175,6 +175,7 @@ int recvmsg_fd(int fd, struct iovec* iov, int iovcnt, size_t* bytes_received_out
   message.msg_controllen = sizeof(control);
   const ssize_t received = recvmsg(fd, &message, 0);
   if (received < 0) return -errno;
+
   Descriptor passed(take_first_descriptor(message));
   if (received == 0) return -ECANCELED;
   *bytes_received_out = static_cast<size_t>(received);
@@ -202,7 +203,6 @@ int take_first_descriptor(struct msghdr& message) {
   }
   return result;
 }
-
 }  // namespace
 
 int write_all(int fd, std::string_view data, size_t* bytes_written_out) {

@@ -64,6 +64,10 @@ struct KeyFileImpl;
 /// overlap with any other use. Two objects, or two processes, must not save to one path at the same
 /// time.
 ///
+/// **Locale.** Numbers are written as the global C++ locale has them, and real numbers read by
+/// LC_NUMERIC. A program that changes either from the classic locale writes files that others, and
+/// it itself with getInteger(), may not read.
+///
 /// **Moved-from objects** may be destroyed and assigned to. Any other call does nothing but write a
 /// `<2>` line; accessors return false, toString() an empty string.
 class KeyFile {
@@ -120,7 +124,7 @@ class KeyFile {
 
   /// The document as key-file text, as write() hands it to the content callback. Takes no lock.
   /// @throws std::bad_alloc  there is not enough memory.
-  [[nodiscard]] VUTIL_EXPORT std::string toString() const;
+  VUTIL_EXPORT std::string toString() const;
 
   /// Saves the document. Takes no lock.
   ///
