@@ -228,7 +228,7 @@ TEST_F(Io, FilesAreReadAndReplacedWhole) {
   EXPECT_EQ(lines_of([&] { EXPECT_EQ(get_file_contents("target", contents), -ENOENT); }), "");
   EXPECT_EQ(contents, "as it was");
   for (const unsigned int mode : {0644u, 0u, 0777u, 04711u}) {
-    const std::string text(size_t{1000} * mode, 'x');  // longer and shorter than the one before, or empty
+    const std::string text(size_t{1000} * mode, 'x');  // longer, shorter or empty
     EXPECT_EQ(lines_of([&] { EXPECT_EQ(set_file_contents("target", text, mode), 0); }), "");
     struct stat status = {};
     ASSERT_EQ(stat("target", &status), 0);
