@@ -5,6 +5,7 @@
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <glib.h>
+#include <malloc.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -92,6 +93,35 @@ struct Size {
 constexpr Size SMALL = {"1 KB", 1'000};
 constexpr Size MEDIUM = {"100 KB", 100'000};
 constexpr Size LARGE = {"10 MB", 10'000'000};
+constexpr Size HUGE_SIZE = {"100 MB", 100'000'000};
+
+// Bytes of the heap in use.
+size_t heap_in_use() {
+  const struct mallinfo2 heap = mallinfo2();
+  return heap.uordblks + heap.hblkhd;
+}
+
+// The heap that what `load` gives holds on to, in bytes for each byte of the file at `path`.
+template <typename Load>
+double memory_of(const std::string& path, Load load) {
+  const size_t before = heap_in_use();
+  const auto document = load(path);
+  struct stat status = {};
+  require(stat(path.c_str(), &status) == 0, "asking for a file's size");
+  return static_cast<double>(heap_in_use() - before) / static_cast<double>(status.st_size);
+}
+
+void print_memory(const std::string& folder) {
+  printf("\n| Heap bytes for each byte of the file | ours | GLib | SimpleIni | inih |\n");
+  printf("| --- | ---: | ---: | ---: | ---: |\n");
+  for (const auto& [size, bytes] : {MEDIUM, LARGE, HUGE_SIZE}) {
+    const std::string path = folder + "/document";
+    put(path, ordered_document(keys_for(bytes)));
+    const auto load_ours = [](const std::string& file) { return KeyFile(file, MODE); };
+    printf("| %s in order | %.1f | %.1f | %.1f | %.1f |\n", size, memory_of(path, load_ours),
+           memory_of(path, load_glib), memory_of(path, load_simpleini), memory_of(path, load_inih));
+  }
+}
 
 void add_documents(const std::string& folder) {
   for (const auto& [size, bytes] : {SMALL, MEDIUM, LARGE}) {
@@ -122,6 +152,10 @@ void add_documents(const std::string& folder) {
       benchmark::DoNotOptimize(text);
     });
   }
+  const std::string huge_path = folder + "/" + HUGE_SIZE.name;
+  put(huge_path, ordered_document(keys_for(HUGE_SIZE.bytes)));
+  add(job_name("construct", std::string(HUGE_SIZE.name) + " in order"), "ours",
+      [huge_path] { benchmark::DoNotOptimize(KeyFile(huge_path, MODE)); });
   for (const size_t count : {10'000u, 80'000u}) {
     const std::string path = folder + "/escaped " + std::to_string(count);
     put(path, escaped_document(count));
@@ -419,5 +453,6 @@ int main(int argc, char** argv) {
   add_descriptors();
   RatioTable table;
   benchmark::RunSpecifiedBenchmarks(&table);
+  print_memory(in_memory);
   benchmark::Shutdown();
 }

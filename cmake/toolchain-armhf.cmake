@@ -4,14 +4,19 @@ set(CMAKE_SYSTEM_PROCESSOR arm)
 
 set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)
 set(CMAKE_LIBRARY_ARCHITECTURE arm-linux-gnueabihf)
-set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm -L /usr/arm-linux-gnueabihf)
 
-# For the packages: CPack would name the host's architecture and look for the host's libraries.
-set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE armhf)
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS /usr/lib/arm-linux-gnueabihf /lib/arm-linux-gnueabihf)
+# Libraries come from the cross compiler's tree only: a host that also has Debian's armhf packages
+# installed would mix two versions of glibc in one process.
+set(sysroot /usr/arm-linux-gnueabihf)
+set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm -L ${sysroot} -E LD_LIBRARY_PATH=${sysroot}/lib)
 
-set(CMAKE_FIND_ROOT_PATH /usr/arm-linux-gnueabihf)
+set(CMAKE_FIND_ROOT_PATH ${sysroot})
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+
+# For the packages: CPack would name the host's architecture and look for the host's libraries.
+set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE armhf)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${sysroot}/lib)
+set(CPACK_PROJECT_CONFIG_FILE ${CMAKE_CURRENT_LIST_DIR}/packages-armhf.cmake)
