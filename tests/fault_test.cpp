@@ -27,38 +27,34 @@ const std::string VALUE(50, '1');  // long enough to be allocated
 const std::string OLD = "[a]\nold=" + VALUE + "\n";
 const std::string NEW = "[a]\nnew=22\nold=" + VALUE + "\n";
 
-// The calls of each operation, a line each, in which FD is the first descriptor that is opened: *
-// for a call whose failure is not that of the operation, the call, and the lines that its failure
-// prints.
-constexpr char RENAME[] = R"(rename target.tmp target|RENAMING
-*open . READING|<4>Failed to fsync '.': %
+// The calls of each operation, a line each, numbers in octal: * for a call whose failure is not
+// that of the operation, the call, in which FD is the first descriptor that is opened, and the
+// lines that its failure prints, in which % is the text of its errno.
+constexpr char RENAME[] =
+    R"(rename target.tmp target|<3>Failed to rename 'target.tmp' -> 'target': %
+*open . 2000000 0|<4>Failed to fsync '.': %
 *fsync FD|<4>Failed to fsync '.': %
 *close FD)";
 constexpr char SAVE[] = R"(unlink target.tmp|<3>Failed to unlink 'target.tmp': %
-open target.tmp CREATING|<3>Failed to open path 'target.tmp' for writing: %|WHEN
-write FD NEW|<3>Failed to write contents to 'target.tmp': %|WHEN
-fsync FD|<3>Failed to fsync 'target.tmp': %|WHEN
-chmod target.tmp 640|<3>Failed to change permissions of 'target.tmp': %|WHEN
+open target.tmp 2000301 640|<3>Failed to open path 'target.tmp' for writing: %|<3>Failed when writing contents to temporary file.
+write FD 102|<3>Failed to write contents to 'target.tmp': %|<3>Failed when writing contents to temporary file.
+fsync FD|<3>Failed to fsync 'target.tmp': %|<3>Failed when writing contents to temporary file.
+chmod target.tmp 640|<3>Failed to change permissions of 'target.tmp': %|<3>Failed when writing contents to temporary file.
 *close FD
 chmod target.tmp 640|<3>Failed to change permissions of 'target.tmp': %
-rename target.tmp target|RENAMING|RENAMING
-*open . READING|<4>Failed to fsync '.': %
+rename target.tmp target|<3>Failed to rename 'target.tmp' -> 'target': %|<3>Failed to rename 'target.tmp' -> 'target': %
+*open . 2000000 0|<4>Failed to fsync '.': %
 *fsync FD|<4>Failed to fsync '.': %
 *close FD)";
-constexpr char WRITE_INPLACE[] =
-    R"(open target WRITING|<3>Failed to open path 'target' for writing: %
+constexpr char WRITE[] = R"(open target 2000001 0|<3>Failed to open path 'target' for writing: %
 write FD 10|<3>Failed to write contents to 'target': %
 *close FD)";
-constexpr char READ[] = R"(open target READING|<3>Failed to open 'target': %
+constexpr char READ[] = R"(open target 2000000 0|<3>Failed to open 'target': %
 lseek FD 0 2|<3>Failed to seek to end of 'target': %
 lseek FD 0 0|<3>Failed to seek to start of 'target': %
-read FD OLD|<3>Failed to read contents from 'target': %
+read FD 73|<3>Failed to read contents from 'target': %
 *close FD)";
-constexpr char FLUSH[] = R"(open target READING
-fsync FD
-*close FD)";
-
-std::string octal(auto number) { return (std::ostringstream() << std::oct << number).str(); }
+constexpr char FLUSH[] = "open target 2000000 0\nfsync FD\n*close FD";
 
 std::string replaced(std::string text, const std::string& what, const std::string& by) {
   for (size_t at = 0; (at = text.find(what, at)) != std::string::npos; at += by.size()) {
@@ -68,25 +64,16 @@ std::string replaced(std::string text, const std::string& what, const std::strin
 }
 
 // `last_line` is printed after the lines of each failure of the operation.
-std::vector<Step> parsed(std::string text, const std::string& last_line) {
-  const std::vector<std::pair<std::string, std::string>> words = {
-      {"CREATING", octal(O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC) + " 640"},
-      {"READING", octal(O_RDONLY | O_CLOEXEC) + " 0"},
-      {"WRITING", octal(O_WRONLY | O_CLOEXEC) + " 0"},
-      {"RENAMING", "<3>Failed to rename 'target.tmp' -> 'target': %"},
-      {"WHEN", "<3>Failed when writing contents to temporary file."},
-      {"NEW", octal(NEW.size())},
-      {"OLD", octal(OLD.size())}};
-  for (const auto& [word, meaning] : words) text = replaced(text, word, meaning);
+std::vector<Step> parsed(const std::string& text, const std::string& last_line = "") {
   std::istringstream stream(text);
   std::vector<Step> steps;
   for (std::string line; std::getline(stream, line);) {
     const bool fails = line[0] != '*';
+    const size_t begin = fails ? 0 : 1;
     const size_t end = std::min(line.find('|'), line.size());
-    std::string lines = end == line.size() ? "" : line.substr(end + 1) + "|";
+    std::string lines = end == line.size() ? "" : replaced(line.substr(end + 1), "|", "\n") + "\n";
     if (fails) lines += last_line;
-    steps.push_back(
-        {line.substr(fails ? 0 : 1, end - (fails ? 0 : 1)), replaced(lines, "|", "\n"), fails});
+    steps.push_back({line.substr(begin, end - begin), lines, fails});
   }
   return steps;
 }
@@ -102,19 +89,18 @@ class Faults : public InFolder {
   std::vector<Operation> operations() {
     return {{NEW, [&] { return file_->setInteger("a", "new", 22) ? 0 : 1; },
              parsed(SAVE, "<3>Failed to save key file to 'target': %\n")},
-            {NEW, [] { return set_file_contents("target", NEW, 0640); }, parsed(SAVE, "")},
-            {"left over", [] { return rename_fsync("target.tmp", "target"); }, parsed(RENAME, "")},
+            {NEW, [] { return set_file_contents("target", NEW, 0640); }, parsed(SAVE)},
+            {"left over", [] { return rename_fsync("target.tmp", "target"); }, parsed(RENAME)},
             {"[b]\nnew=" + VALUE + "\n",
-             [] { return set_file_contents_inplace("target", "[b]\nnew="); },
-             parsed(WRITE_INPLACE, "")},
+             [] { return set_file_contents_inplace("target", "[b]\nnew="); }, parsed(WRITE)},
             {OLD,
              [] {
                std::string contents;
                const int result = get_file_contents("target", contents);
                return result == 0 && contents != OLD ? 1 : result;
              },
-             parsed(READ, "")},
-            {OLD, [] { return fsync_path("target"); }, parsed(FLUSH, "")}};
+             parsed(READ)},
+            {OLD, [] { return fsync_path("target"); }, parsed(FLUSH)}};
   }
 
   // Runs `operation` with its n-th call disturbed (0: with none), and checks what is left behind.
@@ -128,7 +114,7 @@ class Faults : public InFolder {
     std::vector<std::string> calls;
     const std::string lines = lines_of([&] {
       int fd = dup(0);
-      first_fd = octal(fd);
+      first_fd = (std::ostringstream() << std::oct << fd).str();
       xclose(fd);
       faults::watch_calls(static_cast<int>(n), fault);
       result = operation.run();

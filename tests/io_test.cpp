@@ -150,22 +150,17 @@ TEST_F(Io, ReadsEndByTheDeadlineAndTellHowFarTheyCame) {
       {"four", true, 10, NEVER, -ECANCELED, 4},
       {much, false, much.size(), 10s, 0, much.size()}};
   for (const auto& [waiting, closed, wanted, timeout, expected, read] : cases) {
-    for (const bool absolute : {false, true}) {
-      Pipe pipe;
-      ASSERT_EQ(write_all(pipe.in, waiting, nullptr), 0);
-      if (closed) xclose(pipe.in);
-      std::string data(wanted, ' ');
-      void* const buffer = wanted == 0 ? nullptr : data.data();
-      size_t count = UNTOUCHED;
-      const nanoseconds start = std::chrono::steady_clock::now().time_since_epoch();
-      const nanoseconds deadline = timeout == NEVER ? NEVER : start + timeout;
-      const int result = absolute ? read_deadline(pipe.out, buffer, wanted, &count, deadline)
-                                  : read_timeout(pipe.out, buffer, wanted, &count, timeout);
-      EXPECT_EQ(std::tuple(result, count), std::tuple(expected, read));
-      EXPECT_EQ(data.substr(0, count), waiting.substr(0, count));
-      EXPECT_TRUE(result != -ETIMEDOUT ||
-                  std::chrono::steady_clock::now().time_since_epoch() >= start + timeout);
-    }
+    Pipe pipe;
+    ASSERT_EQ(write_all(pipe.in, waiting, nullptr), 0);
+    if (closed) xclose(pipe.in);
+    std::string data(wanted, ' ');
+    void* const buffer = wanted == 0 ? nullptr : data.data();
+    size_t count = UNTOUCHED;
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(read_timeout(pipe.out, buffer, wanted, &count, timeout), expected);
+    EXPECT_TRUE(expected != -ETIMEDOUT || std::chrono::steady_clock::now() - start >= timeout);
+    EXPECT_EQ(count, read);
+    EXPECT_EQ(data.substr(0, count), waiting.substr(0, count));
   }
   Pipe pipe;
   std::thread writer([&] {
@@ -214,9 +209,6 @@ TEST_F(Io, OneDescriptorIsReceivedAndNoneLeaks) {
     EXPECT_TRUE(!gives_fd || fcntl(fd, F_GETFD) == 0) << "not open, or close-on-exec";
     xclose(fd);
     xclose(ends[1]);
-    if (type == SOCK_STREAM) {
-      EXPECT_EQ(recvmsg_fd(ends[0], &entry, 1, &count, &fd), -ECANCELED);
-    }
     xclose(ends[0]);
   }
 }
