@@ -14,7 +14,7 @@ namespace vutil::bench {
 constexpr char NAME_SEPARATOR = '|';
 
 // Collects the repetitions of each benchmark, and prints a row for each job at the end: the
-// library's time (the median of the repetitions), and its ratio to that of each peer.
+// library's time (the best of the repetitions), and its ratio to that of each peer.
 class RatioTable : public benchmark::BenchmarkReporter {
  public:
   bool ReportContext(const Context& context) override;
