@@ -182,6 +182,14 @@ TEST_F(Faults, NothingIsTriedAgain) {
   xclose(null);
 }
 
+TEST_F(Faults, AModeOfZeroIsAppliedLikeAnyOther) {
+  faults::watch_calls(0, 0);
+  const int result = set_file_contents("target", "x", 0);
+  const auto calls = faults::noted_calls();
+  EXPECT_EQ(std::tuple(result, calls.size()), std::tuple(0, 10));
+  EXPECT_EQ(calls[5], "chmod target.tmp 0");  // the writer makes none
+}
+
 TEST_F(Faults, ACrashLeavesTheOldFileOrTheNew) {
   const Operation save = operations()[0];
   for (size_t n = 1; n <= save.steps.size(); ++n) {
