@@ -1,5 +1,4 @@
-// Key files: the text format, the document in memory, its loading and saving, and the typed
-// accessors.
+// Key files: the text format, the document, its loading and saving, and the typed accessors.
 #include "vutil/keyfile.h"
 
 #include <pthread.h>
@@ -11,50 +10,47 @@
 #include <cstdio>
 #include <cstring>
 #include <exception>
-#include <limits>
 #include <map>
 #include <mutex>
 #include <sstream>
 #include <stdexcept>
 #include <string>
 #include <string_view>
-#include <type_traits>
+#include <system_error>
 #include <utility>
 #include <vector>
 
 #include "check.h"
+#include "key_value_map.h"
 #include "vutil/io.h"
 
 namespace vutil {
 
-// The document: key to value, and section to keys, ordered byte-wise.
-using KeyValueMap = std::map<std::string, std::string>;
+// The document: sections, which are few, in byte-wise order, as their keys are.
 using SectionMap = std::map<std::string, KeyValueMap>;
 
 // What a KeyFile owns.
 struct KeyFileImpl {
-  KeyFileImpl(std::string file_path, std::uint32_t file_mode,
-              std::function<void(std::string&, KeyFile::Operation)> content_callback);
-
   // Replaces the document by that of `stream`. Throws std::logic_error at the first malformed line;
   // what stands before that line is then in the document.
   void parse(std::istream& stream);
+
+  // Appends the document of `stream` to this one, each key after the others of its section. Stops
+  // at the first malformed line, and gives what is wrong with it, or an empty text.
+  std::string appendLines(std::istream& stream);
 
   // Appends the text of the document to `stream`.
   void serialize(std::ostream& stream) const;
 
   // Appends a name or value to `out`, with an escape character in front of each comment marker.
-  void appendEscaped(std::string& out, const std::string& text) const;
+  void appendEscaped(std::string& out, std::string_view text) const;
 
-  // Cuts the comment off a line, and takes away the escape characters in front of escaped markers.
+  // Removes the comment of a line, and the escape characters in front of escaped markers.
   void stripComment(std::string& line) const;
 
-  // The text of a key, or null if it is absent.
-  const std::string* find(const std::string& section, const std::string& key) const;
-
-  // Stores a text, unless the format cannot carry it: then nothing changes, a line tells why, and
-  // the result is null. The line does not quote what was refused, which may hold line feeds: nobody
-  // shall forge journal lines through a name or value.
+  // Stores a text, unless the format cannot carry it: then nothing changes, a message says why, and
+  // the result is null. It does not quote what was refused: with a line feed in it, a name or value
+  // could forge a message of its own.
   const std::string* store(const std::string& section, const std::string& key,
                            const std::string& text);
 
@@ -63,7 +59,7 @@ struct KeyFileImpl {
   char escape = '\\';
   std::vector<std::string> commentMarkers = {"#", ";"};
   std::string path;
-  std::uint32_t mode;
+  std::uint32_t mode = 0;
   std::mutex mutex;
   std::function<void(std::string&, KeyFile::Operation)> callback;
 };
@@ -82,23 +78,23 @@ std::string_view trimmed(std::string_view text) {
 
 void trim(std::string& text) {
   const std::string_view kept = trimmed(text);
-  const auto begin = static_cast<size_t>(kept.data() - text.data());
-  text.resize(begin + kept.size());
-  text.erase(0, begin);
+  text.erase(0, static_cast<size_t>(kept.data() - text.data()));
+  text.resize(kept.size());
 }
 
 // Turns a mutex that has never been locked into an error-checking one, so that a content callback
 // that calls an accessor of its own object gets EDEADLK instead of waiting for itself for ever.
+// This rests on libstdc++ with glibc, where a std::mutex is a pthread_mutex_t and nothing else.
 void make_error_checking(std::mutex& mutex) {
+  static_assert(sizeof(std::mutex) == sizeof(pthread_mutex_t));
+  pthread_mutex_t* const handle = mutex.native_handle();
   pthread_mutexattr_t attributes;
-  pthread_mutexattr_init(&attributes);
-  pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_ERRORCHECK);
-  pthread_mutex_init(mutex.native_handle(), &attributes);
-  pthread_mutexattr_destroy(&attributes);
-}
-
-[[noreturn]] void fail_parsing(std::int64_t line_number, const std::string& reason) {
-  throw std::logic_error("l." + std::to_string(line_number) + ": ini parsing failed, " + reason);
+  int error = pthread_mutexattr_init(&attributes);
+  if (error == 0) error = pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_ERRORCHECK);
+  if (error == 0) error = pthread_mutex_destroy(handle);
+  if (error == 0) error = pthread_mutex_init(handle, &attributes);
+  if (error == 0) error = pthread_mutexattr_destroy(&attributes);
+  if (error != 0) throw std::system_error(error, std::generic_category());
 }
 
 // Why the format cannot carry a text under these names, or null if it can.
@@ -109,51 +105,52 @@ const char* reason_to_refuse(const std::string& section, const std::string& key,
     return "the section name holds ']' or a line feed";
   }
   if (key.find_first_of("=\n") != std::string::npos) return "the key holds '=' or a line feed";
-  if (!key.empty() && key.front() == '[') return "the key begins with '['";
-  if (!key.empty() && (is_white_space(key.front()) || is_white_space(key.back()))) {
-    return "the key begins or ends with white space";
-  }
+  if (key.starts_with('[')) return "the key begins with '['";
+  if (trimmed(key).size() != key.size()) return "the key begins or ends with white space";
   if (text.find('\n') != std::string::npos) return "the value holds a line feed";
   return nullptr;
 }
 
 }  // namespace
 
-KeyFileImpl::KeyFileImpl(std::string file_path, std::uint32_t file_mode,
-                         std::function<void(std::string&, KeyFile::Operation)> content_callback)
-    : path(std::move(file_path)), mode(file_mode), callback(std::move(content_callback)) {
-  make_error_checking(mutex);
-}
-
 void KeyFileImpl::parse(std::istream& stream) {
   sections.clear();
+  const std::string error = appendLines(stream);
+  for (auto& [name, keys] : sections) keys.sort();
+  if (!error.empty()) throw std::logic_error(error);
+}
+
+std::string KeyFileImpl::appendLines(std::istream& stream) {
+  std::int64_t line_number = 0;
+  const auto error = [&](const std::string& reason) {
+    return "l." + std::to_string(line_number) + ": ini parsing failed, " + reason;
+  };
   KeyValueMap* current = nullptr;
   std::string line;
-  for (std::int64_t line_number = 1; stream.good(); ++line_number) {
+  while (stream.good()) {
     std::getline(stream, line);
     stripComment(line);
     trim(line);
+    ++line_number;
     if (line.empty()) continue;
     if (line.front() == '[') {
       const size_t end = line.find(']');
-      if (end == std::string::npos) fail_parsing(line_number, "section not closed");
-      if (end == 1) fail_parsing(line_number, "section is empty");
+      if (end == std::string::npos) return error("section not closed");
+      if (end == 1) return error("section is empty");
+      // The hint makes a file in byte-wise order, as every saved one is, linear to read.
       current = &sections.try_emplace(sections.end(), line.substr(1, end - 1))->second;
       continue;
     }
-    if (current == nullptr) fail_parsing(line_number, "field has no section");
+    if (current == nullptr) return error("field has no section");
     const size_t end = line.find(separator);
-    if (end == std::string::npos) {
-      fail_parsing(line_number, std::string("no '") + separator + "' found");
-    }
-    // The hint makes a file in byte order, as every saved one is, linear to read.
+    if (end == std::string::npos) return error(std::string("no '") + separator + "' found");
     const std::string_view view = line;
-    current->insert_or_assign(current->end(), std::string(trimmed(view.substr(0, end))),
-                              trimmed(view.substr(end + 1)));
+    current->append(trimmed(view.substr(0, end)), trimmed(view.substr(end + 1)));
   }
+  return "";
 }
 
-// Whole sections go to the stream: character by character its overhead would rule.
+// Whole sections go to the stream: character by character would take ten times as long.
 void KeyFileImpl::serialize(std::ostream& stream) const {
   std::string text;
   for (const auto& [section, keys] : sections) {
@@ -170,31 +167,24 @@ void KeyFileImpl::serialize(std::ostream& stream) const {
   }
 }
 
-void KeyFileImpl::appendEscaped(std::string& out, const std::string& text) const {
-  const auto occurs = [&](const std::string& marker) {
-    return text.find(marker) != std::string::npos;
-  };
-  if (std::none_of(commentMarkers.begin(), commentMarkers.end(), occurs)) {
+void KeyFileImpl::appendEscaped(std::string& out, std::string_view text) const {
+  const auto occurs = [&](const auto& marker) { return text.find(marker) != std::string::npos; };
+  if (std::ranges::none_of(commentMarkers, occurs)) {
     out += text;
     return;
   }
-  for (size_t at = 0; at < text.size();) {
-    const auto stands_here = [&](const std::string& marker) {
-      return text.compare(at, marker.size(), marker) == 0;
-    };
-    const auto marker = std::find_if(commentMarkers.begin(), commentMarkers.end(), stands_here);
-    if (marker == commentMarkers.end()) {
-      out += text[at++];
-      continue;
-    }
-    out += escape;
-    out += *marker;
-    at += marker->size();
+  while (!text.empty()) {
+    const auto stands_here = [&](const auto& marker) { return text.starts_with(marker); };
+    const auto marker = std::ranges::find_if(commentMarkers, stands_here);
+    const size_t length = marker == commentMarkers.end() ? 1 : marker->size();
+    if (marker != commentMarkers.end()) out += escape;
+    out += text.substr(0, length);
+    text.remove_prefix(length);
   }
 }
 
-// What was unescaped is collected apart and put in front of the rest at once: taken out one by one,
-// the escape characters of a long line would cost the square of their number.
+// What was unescaped is collected apart and put in front of the rest at once: to erase the escape
+// characters of a long line one by one would take time by the square of their number.
 void KeyFileImpl::stripComment(std::string& line) const {
   std::string unescaped;
   for (const std::string& marker : commentMarkers) {
@@ -211,25 +201,23 @@ void KeyFileImpl::stripComment(std::string& line) const {
   }
 }
 
-const std::string* KeyFileImpl::find(const std::string& section, const std::string& key) const {
-  const auto keys = sections.find(section);
-  if (keys == sections.end()) return nullptr;
-  const auto entry = keys->second.find(key);
-  return entry == keys->second.end() ? nullptr : &entry->second;
-}
-
 const std::string* KeyFileImpl::store(const std::string& section, const std::string& key,
                                       const std::string& text) {
   if (const char* const reason = reason_to_refuse(section, key, text)) {
     fprintf(stderr, "<3>Refused to store in '%s': %s\n", path.c_str(), reason);
     return nullptr;
   }
-  return &(sections[section][key] = text);
+  return sections[section].store(key, text);
 }
 
 KeyFile::KeyFile(std::string path, unsigned int mode,
                  std::function<void(std::string&, Operation)> callback)
-    : impl_(std::make_unique<KeyFileImpl>(std::move(path), mode, std::move(callback))) {
+    : impl_(std::make_unique<KeyFileImpl>()) {
+  impl_->path = std::move(path);
+  impl_->mode = mode;
+  impl_->callback = std::move(callback);
+  make_error_checking(impl_->mutex);
+
   std::string contents;
   if (get_file_contents(impl_->path, contents) != 0) return;
   if (impl_->callback) impl_->callback(contents, Operation::Read);
@@ -260,10 +248,9 @@ void KeyFile::write() {
   std::string text = toString();
   if (impl_->callback) impl_->callback(text, Operation::Write);
   const int result = set_file_contents(impl_->path, text, impl_->mode);
-  if (result < 0) {
-    fprintf(stderr, "<3>Failed to save key file to '%s': %s\n", impl_->path.c_str(),
-            strerror(-result));
-  }
+  if (result == 0) return;
+  fprintf(stderr, "<3>Failed to save key file to '%s': %s\n", impl_->path.c_str(),
+          strerror(-result));
 }
 
 namespace {
@@ -271,11 +258,10 @@ namespace {
 // The text forms of the value types, and their readings.
 
 const std::string& to_text(const std::string& value) { return value; }
-
 std::string to_text(bool value) { return value ? "true" : "false"; }
 
-// A stream swallows std::bad_alloc and goes on with its badbit set, and what it holds then is cut:
-// here and wherever a text is made or read, the stream is told to let the exception through.
+// A stream swallows std::bad_alloc, sets its badbit and goes on with an incomplete text. So it is
+// told, here and wherever a text is made or read, to let the exception through.
 template <typename Number>
 std::string to_text(Number value) {
   std::ostringstream stream;
@@ -305,9 +291,7 @@ void from_text(const std::string& text, double& value) { value = std::stod(text)
 
 bool parseBoolean(const std::string& text, bool& value) {
   const auto is = [&](std::string_view word) {
-    return std::equal(text.begin(), text.end(), word.begin(), word.end(), [](char c, char upper) {
-      return toupper(static_cast<unsigned char>(c)) == upper;
-    });
+    return std::ranges::equal(text, word, {}, [](unsigned char c) { return toupper(c); });
   };
   const bool is_true = is("TRUE");
   if (!is_true && !is("FALSE")) return false;
@@ -317,6 +301,16 @@ bool parseBoolean(const std::string& text, bool& value) {
 
 void from_text(const std::string& text, bool& value) {
   if (!parseBoolean(text, value)) throw std::invalid_argument("field is not a bool");
+}
+
+// A value for the message of a failed set when no memory is left: its own text, or a number, of so
+// few characters that a std::string holds them without an allocation.
+const std::string& without_memory(const std::string& value) { return value; }
+std::string without_memory(int value) { return std::to_string(value); }
+std::string without_memory(double value) {
+  char text[16];
+  snprintf(text, sizeof(text), "%g", value);
+  return text;
 }
 
 template <typename T>
@@ -329,16 +323,8 @@ void report_failed_set(const std::string& section, const std::string& key, const
     fprintf(stderr, "<3>Failed to set %s: %s\n", std::move(description).str().c_str(),
             error.what());
   } catch (const std::exception&) {
-    // Not even the memory for a description is left: the same line without one.
-    if constexpr (std::is_same_v<T, std::string>) {
-      fprintf(stderr, "<3>Failed to set %s::%s=%s: %s\n", section.c_str(), key.c_str(),
-              value.c_str(), error.what());
-    } else {
-      // %g writes what a stream does if it may have as many digits.
-      constexpr int digits = std::is_same_v<T, double> ? 6 : std::numeric_limits<int>::digits10 + 1;
-      fprintf(stderr, "<3>Failed to set %s::%s=%.*g: %s\n", section.c_str(), key.c_str(), digits,
-              static_cast<double>(value), error.what());
-    }
+    fprintf(stderr, "<3>Failed to set %s::%s=%s: %s\n", section.c_str(), key.c_str(),
+            without_memory(value).c_str(), error.what());
   }
 }
 
@@ -350,7 +336,8 @@ bool KeyFile::getValue(const std::string& section, const std::string& key, T& va
   CHECK_OR_RETURN(impl_ != nullptr, false);
   const std::lock_guard<std::mutex> lock(impl_->mutex);
   try {
-    const std::string* text = impl_->find(section, key);
+    const auto keys = impl_->sections.find(section);
+    const auto* text = keys == impl_->sections.end() ? nullptr : keys->second.find(key);
     if (text == nullptr) {
       text = impl_->store(section, key, to_text(defaultValue));
       if (text == nullptr) return false;
