@@ -32,7 +32,6 @@ using std::chrono::nanoseconds;
 using namespace std::chrono_literals;
 
 namespace {
-
 // Bytes, the NUL at the end included: what Linux accepts as a path (PATH_MAX).
 constexpr size_t PATH_BUFFER_SIZE = 4096;
 
@@ -59,10 +58,11 @@ class Descriptor {
   int fd_;
 };
 
-// Prints `format`, which takes a path and the text of `error`, and gives the result for it. Taking
-// `errno` as an argument reads it before the print can change it.
-int report_failure(int error, const char* format, const char* path) {
-  fprintf(stderr, format, path, strerror(error));
+// Prints `format`, which takes a subject and the text of `error`, and gives the result for it. As
+// an argument, `errno` is read before the print can change it.
+[[gnu::format(printf, 2, 0)]] int report_failure(int error, const char* format,
+                                                 const char* subject) {
+  fprintf(stderr, format, subject, strerror(error));
   return -error;
 }
 
@@ -96,7 +96,7 @@ int read_drain(int fd, size_t len, nanoseconds deadline) {
 
 namespace {
 
-// The time on the clock of all deadlines, which nobody sets back or forward.
+// The time on the clock of all deadlines: setting the system's time does not move it.
 nanoseconds monotonic_now() {
   struct timespec now = {};
   clock_gettime(CLOCK_MONOTONIC, &now);
@@ -129,8 +129,7 @@ int read_deadline(int fd, void* vbuffer, size_t len, size_t* bytes_read_out, nan
     struct pollfd entry = {fd, POLLIN, 0};
     const int ready = ppoll(&entry, 1, &timeout, nullptr);
     if (ready < 0) {
-      result = -errno;
-      fprintf(stderr, "<3>%s: ppoll: %s\n", __func__, strerror(-result));
+      result = report_failure(errno, "<3>%s: ppoll: %s\n", __func__);
       break;
     }
     if (ready == 0) {
@@ -159,7 +158,8 @@ namespace {
 int take_first_descriptor(struct msghdr& message);
 }  // namespace
 
-// A descriptor is this process's from the moment it arrives: it is handed over or closed.
+// A descriptor is this process's from the moment it arrives: it is handed over or closed. It is not
+// made close-on-exec: a caller may mean it for a program that it is about to start.
 int recvmsg_fd(int fd, struct iovec* iov, int iovcnt, size_t* bytes_received_out, int* result_fd) {
   CHECK_OR_RETURN(fd >= 0, -EBADF);
   CHECK_OR_RETURN(iovcnt >= 0, -EINVAL);
@@ -175,7 +175,6 @@ int recvmsg_fd(int fd, struct iovec* iov, int iovcnt, size_t* bytes_received_out
   message.msg_controllen = sizeof(control);
   const ssize_t received = recvmsg(fd, &message, 0);
   if (received < 0) return -errno;
-
   Descriptor passed(take_first_descriptor(message));
   if (received == 0) return -ECANCELED;
   *bytes_received_out = static_cast<size_t>(received);
@@ -187,18 +186,19 @@ int recvmsg_fd(int fd, struct iovec* iov, int iovcnt, size_t* bytes_received_out
 namespace {
 int take_first_descriptor(struct msghdr& message) {
   const char* const end = static_cast<char*>(message.msg_control) + message.msg_controllen;
-  const struct cmsghdr* const first = CMSG_FIRSTHDR(&message);
   int result = -1;
   for (auto* header = CMSG_FIRSTHDR(&message); header; header = CMSG_NXTHDR(&message, header)) {
-    const auto room = static_cast<size_t>(end - reinterpret_cast<char*>(header));
-    if (header != first && header->cmsg_len > room) break;  // CMSG_NXTHDR does not check this
+    const char* const begin = reinterpret_cast<char*>(header);
+    if (header->cmsg_len > static_cast<size_t>(end - begin)) break;  // the macros let it pass
     if (header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS) continue;
-    const size_t length = std::min<size_t>(header->cmsg_len, room);
-    for (size_t at = CMSG_LEN(0); at + sizeof(int) <= length; at += sizeof(int)) {
+    for (size_t at = CMSG_LEN(0); at + sizeof(int) <= header->cmsg_len; at += sizeof(int)) {
       int fd = -1;
-      memcpy(&fd, reinterpret_cast<char*>(header) + at, sizeof(fd));
-      if (result < 0) std::swap(result, fd);
-      xclose(fd);  // nothing to close for the one that is kept
+      memcpy(&fd, begin + at, sizeof(fd));
+      if (result < 0) {
+        result = fd;
+      } else {
+        xclose(fd);
+      }
     }
   }
   return result;
@@ -221,12 +221,12 @@ int write_all(int fd, std::string_view data, size_t* bytes_written_out) {
   return 0;
 }
 
-// The caller's array is the record of progress, so that after EAGAIN the same call can go on: what
-// is written whole gets length 0, what is written in part is moved on to its first unwritten byte.
+// The caller's array is the record of progress, so that no copy of it is needed: that would take an
+// allocation, or room for IOV_MAX entries on the stack.
 //
-// Entries of length 0 are skipped while a count is used up. Right behind the written bytes they go
-// into one more call, which then writes 0 bytes: that is success. How many entries there may be is
-// the kernel's to say (IOV_MAX): it refuses more with EINVAL, and nothing is written.
+// Entries of length 0 are skipped while a count is used up. One that follows the written bytes
+// directly goes into one more call, which then writes 0 bytes: that is success, and simpler than
+// looking ahead for entries that still hold something.
 int writev_all(int fd, struct iovec* iov, int iovcnt, size_t* bytes_written_out) {
   CHECK_OR_RETURN(fd >= 0, -EBADF);
   CHECK_OR_RETURN(iovcnt >= 0, -EINVAL);
@@ -235,16 +235,13 @@ int writev_all(int fd, struct iovec* iov, int iovcnt, size_t* bytes_written_out)
   if (bytes_written_out != nullptr) *bytes_written_out = 0;
   while (iovcnt > 0) {
     const ssize_t written = writev(fd, iov, iovcnt);
-    if (written < 0) {
-      const int error = errno;
-      fprintf(stderr, "<3>writev: %s\n", strerror(error));
-      return -error;
-    }
+    if (written < 0) return report_failure(errno, "<3>%s: %s\n", "writev");
     if (written == 0) return 0;
     auto count = static_cast<size_t>(written);
     if (bytes_written_out != nullptr) *bytes_written_out += count;
     for (; count > 0 && count >= iov->iov_len; ++iov, --iovcnt) {
-      count -= std::exchange(iov->iov_len, 0);
+      count -= iov->iov_len;
+      iov->iov_len = 0;
     }
     if (count > 0) *iov = {static_cast<char*>(iov->iov_base) + count, iov->iov_len - count};
   }
@@ -256,10 +253,13 @@ namespace {
 // The NUL must fit too, and one byte is left over: the longest path has 4094 bytes.
 bool to_null_terminated_path(char (&buffer)[PATH_BUFFER_SIZE], std::string_view path) {
   if (path.size() + 1 >= PATH_BUFFER_SIZE) return false;
-  *std::copy(path.begin(), path.end(), buffer) = '\0';
+  memcpy(buffer, path.data(), path.size());
+  buffer[path.size()] = '\0';
   return true;
 }
 
+// Gives `contents` a size of `size` and reads into it. Returns 0 or an errno value.
+int read_contents(int fd, size_t size, std::string& contents);
 }  // namespace
 
 int get_file_contents(std::string_view path, std::string& contents) {
@@ -279,27 +279,16 @@ int get_file_contents(std::string_view path, std::string& contents) {
     return report_failure(errno, "<3>Failed to seek to start of '%s': %s\n", cpath);
   }
   if (!std::in_range<size_t>(size)) throw std::length_error("file too large for a string");
-  contents.resize(static_cast<size_t>(size));
-
-  // One request gives a regular file whole. After a short count there is either more (a huge
-  // request is split by the kernel) or the file has shrunk, and what came is all of it.
-  size_t got = 0;
-  ssize_t count = 0;
-  do {
-    count = read(file.get(), contents.data() + got, contents.size() - got);
-    if (count < 0) {
-      return report_failure(errno, "<3>Failed to read contents from '%s': %s\n", cpath);
-    }
-    got += static_cast<size_t>(count);
-  } while (count > 0 && got < contents.size());
-  contents.resize(got);
-  return 0;
+  const int error = read_contents(file.get(), static_cast<size_t>(size), contents);
+  if (error == 0) return 0;
+  return report_failure(error, "<3>Failed to read contents from '%s': %s\n", cpath);
 }
 
 namespace {
 
-// The one writer behind both ways to write a file. The permission bits are changed after the flush,
-// by path, while the descriptor is still open; a `mode` of 0 leaves them alone.
+// Writes a file for both functions below. The permission bits are set by path, while the descriptor
+// is still open; a `mode` of 0 leaves them alone. A second flush after them would make them last as
+// surely as the data, at twice the price: a power cut may lose the bits, never the contents.
 int write_contents_to_path(const char* cpath, std::string_view contents, int extra_flags,
                            bool do_fsync, unsigned int mode) {
   const Descriptor file(open(cpath, extra_flags | O_WRONLY | O_CLOEXEC, mode));
@@ -329,6 +318,17 @@ int write_contents_to_path(const char* cpath, std::string_view contents, int ext
 //     flush, a file system may commit the rename first, and a crash leaves an empty file.
 //  4. chmod, chmod: the exact bits, since open narrowed them by the umask, and since 0 counts too.
 //  5. rename, fsync of the directory: the one atomic step from old to new, then made to last.
+//
+// Roads not taken:
+//
+//  - O_TMPFILE leaves nothing behind after a crash, but linkat cannot put its file in the place of
+//    another: it would need a temporary name all the same, for the rename.
+//  - A temporary name with random characters lets two calls for one path run at once, but each
+//    crash leaves one more file that nobody removes.
+//  - fdatasync saves nothing: the size of a new file has to be flushed in either case.
+//  - Writing into the existing file keeps its owner, its links and its access control list, and
+//    loses its contents at a power cut. To give them to a new file takes privileges that a service
+//    should not have.
 int set_file_contents(std::string_view path, std::string_view contents, unsigned int mode) {
   CHECK_OR_RETURN(!path.empty(), -EINVAL);
 
@@ -350,7 +350,7 @@ int set_file_contents(std::string_view path, std::string_view contents, unsigned
     return report_failure(errno, "<3>Failed to unlink '%s': %s\n", tmp_cpath);
   }
 
-  // Its own line tells which step failed; this one, that the target is as it was.
+  // Its own message says which step failed; this one, that the target is as it was.
   int result = write_contents_to_path(tmp_cpath, contents, O_CREAT | O_EXCL, true, mode);
   if (result < 0) {
     fprintf(stderr, "<3>Failed when writing contents to temporary file.\n");
@@ -375,11 +375,11 @@ int set_file_contents(std::string_view path, std::string_view contents, unsigned
   return 0;
 }
 
-// The file is neither created nor cut, so that this also serves files that cannot be: attributes in
-// sysfs, or records of a fixed size. What the file held beyond the new contents stays.
-//
-// Nor is it flushed, and a failure in the middle leaves some of both contents: what must survive a
-// crash goes through set_file_contents. The permission bits of the file stay as they are.
+// O_CREAT is left out: a misspelt attribute of sysfs must be an error and not a new file. O_TRUNC
+// is left out: records of a fixed size can be written, and a crash soon after a truncation would
+// lose all of the old contents, not only what the new ones overwrite. There is no flush: this
+// serves files that are an interface rather than data, and some of those refuse it. What must
+// survive a crash goes through set_file_contents.
 int set_file_contents_inplace(std::string_view path, std::string_view contents) {
   CHECK_OR_RETURN(!path.empty(), -EINVAL);
   char cpath[PATH_BUFFER_SIZE];
@@ -387,7 +387,7 @@ int set_file_contents_inplace(std::string_view path, std::string_view contents) 
   return write_contents_to_path(cpath, contents, 0, false, 0);
 }
 
-// Only O_NONBLOCK changes, and F_SETFL is called even if nothing does.
+// F_SETFL is called even if nothing changes: one path to read and to test.
 int set_blocking(int fd, bool blocking) {
   CHECK_OR_RETURN(fd >= 0, -EBADF);
 
@@ -399,12 +399,12 @@ int set_blocking(int fd, bool blocking) {
 }
 
 // Opening for reading is enough to flush, and the only way to open a directory. O_DIRECTORY is left
-// out, as files are welcome too: fsync flushes what was written through any descriptor of the
-// file, also by another process.
+// out, as files are welcome too: fsync flushes what was written through any descriptor of the file,
+// also by another process. syncfs would flush more than was asked for: the whole file system.
 //
-// Failures are silent. Whether one is an error or, as after a rename, only a warning is for the
-// caller to say, who also knows what the flush was for. (A file system that cannot flush
-// directories reports EINVAL here.)
+// There is no message for a failure: whether it is an error or, as after a rename, only a warning,
+// is for the caller to say, who knows what the flush was for. Some file systems cannot flush a
+// directory and give EINVAL.
 int fsync_path(std::string_view path) {
   CHECK_OR_RETURN(!path.empty(), -EINVAL);
 
@@ -417,13 +417,13 @@ int fsync_path(std::string_view path) {
   return 0;
 }
 
-// A rename is atomic for everyone who looks, but it reaches the device with the directory that
-// holds the new name, at the file system's leisure, unless that directory is flushed.
+// A rename is atomic for everyone who looks, but only a flush of the directory with the new name
+// puts it on the device at a known moment.
 //
-// When the flush fails, the rename has taken place all the same and cannot be taken back safely.
-// Reporting an error would tell the caller that the old file is still there; so it is a warning.
-// The directory of the old name is not flushed: should its entry come back after a crash, it is one
-// name too many for a file that is whole under the new one.
+// If the flush fails, the rename has taken place all the same and cannot safely be undone. An error
+// would tell the caller that the old file is still there; so this is a warning. The directory of
+// the old name is not flushed, which would double the price: should a crash bring that name back,
+// it is a second name of a file that is whole.
 int rename_fsync(std::string_view oldpath, std::string_view newpath) {
   CHECK_OR_RETURN(!oldpath.empty(), -EINVAL);
   CHECK_OR_RETURN(!newpath.empty(), -EINVAL);
@@ -444,5 +444,34 @@ int rename_fsync(std::string_view oldpath, std::string_view newpath) {
   if (result < 0) report_failure(-result, "<4>Failed to fsync '%s': %s\n", directory);
   return 0;
 }
+
+namespace {
+// Where the standard library can do without (C++23), nothing is zeroed that the read overwrites:
+// for a large file that would cost as much as the read. What a failed read leaves is zeroed.
+int read_contents(int fd, size_t size, std::string& contents) {
+  int error = 0;
+  const auto read_into = [&](char* data, size_t /*size*/) {
+    size_t got = 0;
+    ssize_t count = 0;
+    do {  // once, unless the kernel splits a huge request or the file has just been truncated
+      count = read(fd, data + got, size - got);
+      if (count < 0) {
+        error = errno;
+        memset(data + got, 0, size - got);
+        return size;
+      }
+      got += static_cast<size_t>(count);
+    } while (count > 0 && got < size);
+    return got;
+  };
+#ifdef __cpp_lib_string_resize_and_overwrite
+  contents.resize_and_overwrite(size, read_into);
+#else
+  contents.resize(size);
+  contents.resize(read_into(contents.data(), size));
+#endif
+  return error;
+}
+}  // namespace
 
 }  // namespace vutil
