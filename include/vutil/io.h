@@ -1,4 +1,4 @@
-/// @file
+/// @defgroup io vutil/io.h
 /// Careful wrappers over descriptor and file calls.
 ///
 /// Unless a function says otherwise, all this holds for it:
@@ -19,8 +19,8 @@
 ///   should keep its descriptors 0, 1 and 2 open: otherwise a file that the library opens may get
 ///   the number 2, and a message is written into that file.
 /// - **Paths.** A path has 1 to 4,094 bytes and needs no NUL at its end. The system sees it up to
-///   its first NUL byte. A name in it may have as many bytes as the file system allows, most often
-///   255. Symbolic links are followed.
+///   its first NUL byte. A name in it may have as many bytes as the file system allows (most often
+///   255). Symbolic links are followed.
 /// - **Waiting.** A function waits as long as the system calls that it makes. On a descriptor in
 ///   blocking mode, and to open a FIFO that nobody has open at its other end, that may be for ever.
 /// - **Exceptions.** Only get_file_contents() throws.
@@ -41,6 +41,9 @@ struct iovec;
 
 /// Everything that libvemra-util exports.
 namespace vutil {
+
+/// @addtogroup io
+///@{
 
 /// @name Descriptors
 ///@{
@@ -365,6 +368,7 @@ VUTIL_EXPORT void xclose(int& fd);
 /// @retval -ENAMETOOLONG  a path is too long (check), or a name in it is (with a `<3>` message).
 /// @returns otherwise the negated errno of rename(2), with a `<3>` message.
 [[nodiscard]] VUTIL_EXPORT int rename_fsync(std::string_view oldpath, std::string_view newpath);
+///@}
 ///@}
 
 }  // namespace vutil

@@ -1,4 +1,4 @@
-/// @file
+/// @defgroup keyfile vutil/keyfile.h
 /// Settings of a service in an INI-style key file.
 #ifndef VUTIL_KEYFILE_H_
 #define VUTIL_KEYFILE_H_
@@ -13,6 +13,7 @@ namespace vutil {
 
 struct KeyFileImpl;
 
+/// @ingroup keyfile
 /// A key file in memory, bound to one path: read once when it is constructed, read and changed
 /// through typed accessors, and saved whole and durably after every change.
 ///
