@@ -1,4 +1,5 @@
-# The target: 32-bit ARM Linux, hard float, glibc. Built with Debian's cross compiler, run with qemu.
+# The target: 32-bit ARM Linux, hard float, glibc. Built with Debian's cross compiler, run with
+# qemu-arm.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR arm)
 
@@ -15,8 +16,3 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
-
-# For the packages: CPack would name the host's architecture and look for the host's libraries.
-set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE armhf)
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${sysroot}/lib)
-set(CPACK_PROJECT_CONFIG_FILE ${CMAKE_CURRENT_LIST_DIR}/packages-armhf.cmake)
