@@ -4,7 +4,9 @@
 #include <cstdio>
 #include <numeric>
 #include <random>
-#include <vector>
+
+#include "suite.h"
+#include "vutil/io.h"
 
 namespace vutil::bench {
 namespace {
@@ -28,15 +30,18 @@ std::string value(size_t n) {
   }
 }
 
-// 0 to `count`, in the same random order on every run.
+}  // namespace
+
+void put(const std::string& path, std::string_view contents) {
+  require(set_file_contents(path, contents, MODE) == 0, "writing the file of a benchmark");
+}
+
 std::vector<size_t> shuffled(size_t count) {
   std::vector<size_t> numbers(count);
   std::iota(numbers.begin(), numbers.end(), 0);
   std::shuffle(numbers.begin(), numbers.end(), std::mt19937(42));
   return numbers;
 }
-
-}  // namespace
 
 std::string section_name(size_t n) { return numbered("section_%05zu", n / KEYS_PER_SECTION); }
 
@@ -75,6 +80,27 @@ std::string escaped_document(size_t count) {
   std::string text = "[a]\nk=";
   for (size_t n = 0; n < count; ++n) text += "\\#";
   return text + "\n";
+}
+
+std::string keys_document(size_t count) {
+  std::string text = "[a]\n";
+  for (const size_t n : shuffled(count)) text += key_name(n) + "=" + value(n) + "\n";
+  return text;
+}
+
+std::string sections_document(size_t count) {
+  std::string text;
+  for (const size_t n : shuffled(count)) {
+    text.append("[").append(section_name(n * KEYS_PER_SECTION)).append("]\n");
+    text += key_name(n) + "=" + value(n) + "\n";
+  }
+  return text;
+}
+
+std::string same_key_document(size_t count) {
+  std::string text = "[a]\n";
+  for (size_t n = 0; n < count; ++n) text += "k=" + value(n) + "\n";
+  return text;
 }
 
 }  // namespace vutil::bench
