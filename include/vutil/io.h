@@ -1,5 +1,4 @@
-/// @defgroup io vutil/io.h
-/// Careful wrappers over descriptor and file calls.
+/// @defgroup io vutil/io.h Careful wrappers over descriptor and file calls.
 ///
 /// Unless a function says otherwise, all this holds for it:
 ///
@@ -25,8 +24,8 @@
 ///   blocking mode, and to open a FIFO that nobody has open at its other end, that may be for ever.
 /// - **Exceptions.** Only get_file_contents() throws.
 /// - **Threads.** The functions keep no state and take no lock. They may run in any number of
-///   threads, but at most one call at a time may use a descriptor, a buffer, or a path that is
-///   written to.
+///   threads, but no two calls at a time may use the same descriptor or buffer, or write to the
+///   same path.
 #ifndef VUTIL_IO_H_
 #define VUTIL_IO_H_
 
@@ -85,10 +84,10 @@ VUTIL_EXPORT void xclose(int& fd);
 /// }
 /// ~~~
 ///
-/// Two signals end a process that does not ignore them: SIGPIPE if nobody reads from the pipe or
-/// socket (if ignored, the result is -EPIPE), and SIGXFSZ if a file would grow beyond RLIMIT_FSIZE
-/// (if ignored, -EFBIG). A signal with a handler gives -EINTR if it interrupts a write(2) that has
-/// taken no byte yet; otherwise the call goes on with the rest.
+/// By default two signals end the process: SIGPIPE if nobody reads from the pipe or socket (if it
+/// is ignored, the result is -EPIPE), and SIGXFSZ if a file would grow beyond RLIMIT_FSIZE (if it
+/// is ignored, -EFBIG). A signal with a handler can give -EINTR only while a write(2) has taken no
+/// byte yet; otherwise the call goes on with the rest.
 ///
 /// @param fd  a descriptor open for writing.
 /// @param data  the bytes. If there are none, no system call is made.
@@ -140,8 +139,8 @@ VUTIL_EXPORT void xclose(int& fd);
 /// ~~~
 ///
 /// Further descriptors that come with the data are closed, and all of them on failure: a peer
-/// cannot make the caller leak one. (There is room for ten on 32-bit ARM and for nine on x86-64;
-/// the kernel drops the rest.)
+/// cannot make the caller leak one. (There is room for ten on 32-bit ARM, for nine on x86-64, and
+/// for fewer on a socket with SO_PASSCRED; the kernel drops the rest.)
 ///
 /// @param fd  a local (AF_UNIX) socket.
 /// @param iov  buffers for the data, with room for at least one byte in all. Must be null if
@@ -207,7 +206,8 @@ VUTIL_EXPORT void xclose(int& fd);
 ///   readable, gives this too.
 /// @retval -ECANCELED  a read gave 0 bytes: the end of a file, a closed connection, an empty
 ///   datagram, the end-of-file character or a hang-up of a terminal.
-/// @retval -EAGAIN  in non-blocking mode, a read gave no byte although ppoll(2) had reported some.
+/// @retval -EAGAIN  in non-blocking mode, a read gave no byte although ppoll(2) had reported `fd`
+///   as readable.
 /// @retval -EBADF  `fd` is negative (check), or is not open for reading.
 /// @retval -EFAULT  `vbuffer` is null while `len` is not 0, or `bytes_read_out` is null (check).
 /// @retval -EINVAL  `deadline` is negative (check).
@@ -250,9 +250,9 @@ VUTIL_EXPORT void xclose(int& fd);
 
 /// Reads a whole regular file into a string. See open(2), lseek(2), read(2).
 ///
-/// The size is asked for first, so the call costs at most one allocation, and one read request up
-/// to 2,147,479,552 bytes. What is read while somebody else writes to the file may come mixed from
-/// before and after the change.
+/// The size is asked for first, so the call costs at most one allocation, and for up to
+/// 2,147,479,552 bytes one read request. What is read while somebody else writes to the file may
+/// come mixed from before and after the change.
 ///
 /// Other files do not report their true size. Attributes in /sys are read correctly all the same.
 /// Most files in /proc, pipes and character devices give a failure or an empty string. A directory
@@ -283,8 +283,8 @@ VUTIL_EXPORT void xclose(int& fd);
 ///
 /// - If an older temporary file is in the way, it is removed first.
 /// - A failure before the rename leaves the path as it was, and removes the new temporary file.
-/// - If the rename fails, or the process is killed before it, the temporary file stays until the
-///   next call.
+/// - If the rename fails, or the process or the system stops before it, the temporary file stays
+///   until the next call.
 /// - If only the flush of the directory fails, the file has been replaced: the result is 0, and a
 ///   `<4>` message says that a crash may still bring back the old contents.
 /// - The permission bits are set after the flush: a crash soon after the call may leave only those
@@ -312,7 +312,7 @@ VUTIL_EXPORT void xclose(int& fd);
 /// @retval 0  the file was replaced.
 /// @retval -EINVAL  `path` is empty (check).
 /// @retval -ENAMETOOLONG  `path` is too long (check; with 4,091 bytes the temporary file has been
-///   written by then, and stays), or a name in it is.
+///   written by then, and stays), or a name in it is (with a `<3>` message).
 /// @returns otherwise the negated errno of the step that failed, with one or two `<3>` messages.
 [[nodiscard]] VUTIL_EXPORT int set_file_contents(std::string_view path, std::string_view contents,
                                                  unsigned int mode);
