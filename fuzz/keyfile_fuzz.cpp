@@ -1,6 +1,5 @@
-// Arbitrary bytes as a key file, then arbitrary changes through the accessors. The last byte of the
-// input tells how many changes stand before the bytes of the file: a file that ends in a line feed
-// is an input without any.
+// Arbitrary bytes as a key file, then arbitrary changes. The last byte of the input says how many
+// changes stand before the file: a file that ends in a line feed is an input without any.
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include <cstdlib>
@@ -16,19 +15,14 @@
 #include "vutil/io.h"
 #include "vutil/keyfile.h"
 
-namespace {
-
-void require(bool holds) {
+static void require(bool holds) {
   if (!holds) abort();
 }
 
-std::string trimmed(const std::string& text) {
-  const auto begin = text.find_first_not_of(" \t\n\r\f\v");
-  if (begin == std::string::npos) return "";
-  return text.substr(begin, text.find_last_not_of(" \t\n\r\f\v") - begin + 1);
+static std::string trimmed(std::string text) {
+  text.erase(0, text.find_first_not_of(" \t\n\r\f\v"));
+  return text.erase(text.find_last_not_of(" \t\n\r\f\v") + 1);
 }
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string path = "fuzzed.conf";

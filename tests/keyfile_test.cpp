@@ -1,7 +1,10 @@
+#include <algorithm>
 #include <cmath>
+#include <locale>
 #include <memory>
 #include <stdexcept>
 #include <thread>
+#include <tuple>
 #include <typeinfo>
 
 #include "support.h"
@@ -9,137 +12,185 @@
 namespace vutil {
 namespace {
 
-using Texts = std::vector<std::string>;
+using Operation = KeyFile::Operation;
 
-class KeyFiles : public InFolder {};
+const std::string NAME(50, 'n');  // long enough to be allocated
+const std::string VALUE(50, 'v');
+const std::string OLD = "[a]\nold=" + VALUE + "\n";
 
-// The document of a file with `text`, or what is thrown, for which there must be a line.
-std::string outcome(const std::string& text) {
+class KeyFiles : public InDirectory {
+ protected:
+  struct Accessor {
+    std::string failure;                     // its message, up to the reason
+    std::function<bool(KeyFile&)> succeeds;  // gives or stores the right value
+    bool may_throw = false;                  // instead, without memory: it copies a string first
+  };
+  const std::string get_ = "<3>Failed to get a::" + NAME + " : ";
+  const std::string set_ = "<3>Failed to set a::" + NAME;
+  int number_ = 0;
+  double real_ = 0;
+  bool flag_ = false;
+  std::string text_;
+  const std::vector<Accessor> accessors_ = {
+      {get_, [&](auto& file) { return file.getInteger("a", NAME, number_, 7) && number_ == 7; }},
+      {get_, [&](auto& file) { return file.getDouble("a", NAME, real_, 0.5) && real_ == 0.5; }},
+      {get_, [&](auto& file) { return file.getBoolean("a", NAME, flag_, true) && flag_; }},
+      {get_, [&](auto& file) { return file.getString("a", NAME, text_, VALUE) && text_ == VALUE; },
+       true},
+      {set_ + "=-123456789: ", [](auto& file) { return file.setInteger("a", NAME, -123456789); }},
+      {set_ + "=1e+06: ", [](auto& file) { return file.setDouble("a", NAME, 1e6); }},
+      {set_ + "=1: ", [](auto& file) { return file.setBoolean("a", NAME, true); }},
+      {set_ + "=" + VALUE + ": ", [](auto& file) { return file.setString("a", NAME, VALUE); },
+       true}};
+};
+
+// The messages of reading a file with `text`, then its document or what is thrown.
+std::string document_of(const std::string& text) {
   put("file", text);
   std::string result;
-  const auto line = lines_of([&] {
-    try {
-      result = KeyFile("file", 0600).toString();
-    } catch (const std::exception& error) {
-      result = typeid(error) == typeid(std::logic_error) ? error.what() : "another exception";
-    }
-  });
-  const std::string middle = ": ini parsing failed, ";
-  const bool thrown = result.find(middle) != std::string::npos;
-  EXPECT_EQ(line, thrown ? "<3>Failed to read keyfile at file: " + result + "\n" : "") << text;
-  return thrown ? result.replace(result.find(middle), middle.size(), " ") : result;
+  return messages_of([&] {
+           try {
+             result = KeyFile("file", 0600).toString();
+           } catch (const std::exception& error) {
+             result = error.what();
+             EXPECT_TRUE(typeid(error) == typeid(std::logic_error));
+           }
+         }) +
+         result;
 }
 
-TEST_F(KeyFiles, TextIsReadAndWrittenInOrder) {
-  const std::vector<std::pair<std::string, std::string>> cases = {
+std::string error(const std::string& line, const std::string& reason) {
+  const std::string what = "l." + line + ": ini parsing failed, " + reason;
+  return "<3>Failed to read keyfile at file: " + what + "\n" + what;
+}
+
+TEST_F(KeyFiles, TextIsReadAndWrittenInOrderOrReportedWithItsLine) {
+  const std::pair<std::string, std::string> rows[] = {
       {"", ""},
       {" \n\t\n# only\n ; comments", ""},
       {"[b]\ny=2\nx=1\n[a]\n[B]", "[B]\n[a]\n[b]\nx=1\ny=2\n"},
-      {"[a]\nk=1\n[b]\n[a]\nj=2\nk=3\n", "[a]\nj=2\nk=3\n[b]\n"},
-      {"  [a] trailing words\r\n\tk = v \r\n", "[a]\nk=v\n"},
-      {"[ a ]\n[a=b[c]]\n", "[ a ]\n[a=b[c]\n"},
-      {"[a]\nk = a = b\n=v\nj=", "[a]\n=v\nj=\nk=a = b\n"},
+      {"[a]\nc=1\n[b]\n[a]\nb=2\nc=3\na=4\n", "[a]\na=4\nb=2\nc=3\n[b]\n"},
+      {"[a]\nk=1\nk=2\nj=1\nk=3\nj=2\n", "[a]\nj=2\nk=3\n"},
+      {"  [a] trailing words\r\n\tk =\f v\v \r\n", "[a]\nk=v\n"},
+      {"[ ]\n[ a ]\n[a=b[c]]\n", "[ ]\n[ a ]\n[a=b[c]\n"},
+      {"[a]\nk = a = b\n=v\nj=\nkk=\x0e\x08", "[a]\n=v\nj=\nk=a = b\nkk=\x0e\x08\n"},
       {"[a]\nk=v # note\nl=v ; note\nm=#\n#n=1\n", "[a]\nk=v\nl=v\nm=\n"},
       {"[a\\#1]\nk=v \\# not\\;e ; note\n\\;j=\\\\#\n", "[a\\#1]\n\\;j=\\\\#\nk=v \\# not\\;e\n"},
       {"[a]\nk=\\\\ \\n\nj=\\##cut\nl=\\#;cut\\#\n", "[a]\nj=\\#\nk=\\\\ \\n\nl=\\#\n"},
       {std::string("[a\0b]\n\0=\0\n", 10), std::string("[a\0b]\n\0=\0\n", 10)},
       {"[a]\n\xff=\n\x7f=\n", "[a]\n\x7f=\n\xff=\n"},
-      {"[a]\n\n# note\n[b", "l.4 section not closed"},
-      {"[a#]\n", "l.1 section not closed"},
-      {"\r\n[]a]\n", "l.2 section is empty"},
-      {"k=v\n[a]\n", "l.1 field has no section"},
-      {"[a]\nk=v\n  more\n", "l.3 no '=' found"},
-      {"[a]\n\\#k", "l.2 no '=' found"}};
-  for (const auto& [text, expected] : cases) {
-    EXPECT_EQ(outcome(text), expected);
+      {"[a]\n\n# note\n[b", error("4", "section not closed")},
+      {"[a#]\n", error("1", "section not closed")},
+      {"\r\n[]a]\n", error("2", "section is empty")},
+      {"k=v\n[a]\n", error("1", "field has no section")},
+      {"[a]\nk=v\n  more\n", error("3", "no '=' found")},
+      {"[a]\n\\#k", error("2", "no '=' found")}};
+  for (const auto& [text, expected] : rows) {
+    const std::string document = document_of(text);
+    EXPECT_EQ(document, expected);
     EXPECT_EQ(text_of("file"), text);
-    EXPECT_TRUE(expected[0] == 'l' || outcome(expected) == expected) << expected;
+    EXPECT_TRUE(document[0] == '<' || document_of(document) == document) << document;
   }
 }
 
-// Reads each text through `get`, and lists the values, or "-" for a failure with `reason`.
+// Reads texts through `get`: those that give a value, and those that it refuses for a reason.
 template <typename T>
-std::string readings(bool (KeyFile::*get)(const std::string&, const std::string&, T&, T),
-                     const std::string& reason, const Texts& texts) {
-  KeyFile file("file", 0600);
-  std::ostringstream list;
-  for (const std::string& text : texts) {
-    EXPECT_TRUE(file.setString("s", "k", text));
-    T value = static_cast<T>(77);
-    bool read = false;
-    const auto line = lines_of([&] { read = (file.*get)("s", "k", value, T{}); });
-    EXPECT_EQ(line, read ? "" : "<3>Failed to get s::k : " + reason + "\n") << text;
-    EXPECT_TRUE(read || value == static_cast<T>(77));
-    EXPECT_EQ(file.toString(), "[s]\nk=" + text + "\n");
-    list << (read ? (std::ostringstream() << value).str() : "-") << " ";
+void expect_readings(bool (KeyFile::*get)(const std::string&, const std::string&, T&, T),
+                     const std::vector<std::pair<T, Texts>>& readings, const std::string& reason,
+                     const Texts& refused) {
+  const auto expect_reading = [&](const std::string& text, T before, T after, bool done) {
+    SCOPED_TRACE(text);
+    put("file", "[net]\nport=" + text + "\n");
+    KeyFile file("file", 0600);
+    const auto messages = messages_of([&] {
+      EXPECT_EQ(calls_of([&] { EXPECT_EQ((file.*get)("net", "port", before, T()), done); }),
+                Texts());
+    });
+    EXPECT_EQ(messages, done ? "" : "<3>Failed to get net::port : " + reason + "\n");
+    EXPECT_EQ(memcmp(&before, &after, sizeof(T)), 0) << before;
+  };
+  for (const auto& [value, texts] : readings) {
+    for (const std::string& text : texts) expect_reading(text, T(value == 0), value, true);
   }
-  return list.str();
+  for (const std::string& text : refused) {
+    for (const T value : {T(0), T(1)}) expect_reading(text, value, value, false);
+  }
 }
 
 TEST_F(KeyFiles, ValuesAreReadByTheRulesOfTheirType) {
-  EXPECT_EQ(readings<int>(
-                &KeyFile::getInteger, "field is not an int",
-                {"42",         "-0",          "0123",       "0x1F",        "0X1f",
-                 "0x-1f",      "0x7FFFFFFF",  "2147483647", "-2147483648", std::string("7\0x", 3),
-                 "2147483648", "-2147483649", "0x80000000", "99999999999", "",
-                 "-",          "+5",          " 42",        "42 ",         "42abc",
-                 "1e3",        "4.0",         "0x",         "0xG"}),
-            "42 0 123 31 31 -31 2147483647 2147483647 -2147483648 7 - - - - - - - - - - - - - - ");
-  EXPECT_EQ(readings<double>(&KeyFile::getDouble, "stod",
-                             {"3.5", " 2.5", "2.5 volts", "1e3", "0x1p3", "-Infinity", "nan", "-0",
-                              "", "abc", "1e400", "1e-400"}),
-            "3.5 2.5 2.5 1000 8 -inf nan -0 - - - - ");
-  EXPECT_EQ(readings<bool>(&KeyFile::getBoolean, "field is not a bool",
-                           {"true", "TRUE", "tRuE", "False", "", "yes", "1", "0", "on", " true",
-                            "true ", "truer", "tru"}),
-            "1 1 1 0 - - - - - - - - - ");
+  expect_readings<int>(&KeyFile::getInteger,
+                       {{42, {"42", "0042"}},
+                        {0, {"0", "-0"}},
+                        {31, {"0x1F", "0X1f"}},
+                        {-31, {"0x-1f"}},
+                        {2147483647, {"2147483647", "0x7fffffff"}},
+                        {-2147483647 - 1, {"-2147483648"}},
+                        {7, {std::string("7\0x", 3)}}},
+                       "field is not an int",
+                       {"2147483648", "-2147483649", "0x80000000", "", "-", "+5", "42-", "1x3",
+                        "4.0", "0x", "0xG", "x1"});
+  expect_readings<double>(&KeyFile::getDouble,
+                          {{2.5, {" 2.5 volts", "+2.5"}},
+                           {8, {"0x1p3", "8e0"}},
+                           {-HUGE_VAL, {"-Infinity"}},
+                           {NAN, {"nan"}},
+                           {-0.0, {"-0"}}},
+                          "stod", {"", "abc", "1e400", "1e-400"});
+  expect_readings<bool>(&KeyFile::getBoolean, {{true, {"true", "tRuE"}}, {false, {"FALSE"}}},
+                        "field is not a bool", {"", "1", "yes", "true-", "tru", "falser"});
 }
 
 TEST_F(KeyFiles, ValuesAreStoredInTheTextFormOfTheirType) {
   KeyFile file("file", 0640);
-  int key = 0;
-  for (const double value :
-       {0.1, 1e6, 123456.7, double{NAN}, -0.0, 3.14159265, 2.0, -HUGE_VAL, 1e-7}) {
-    EXPECT_TRUE(file.setDouble("s", std::to_string(++key), value));
-  }
+  EXPECT_TRUE(file.setDouble("s", "d1", 123456.7) && file.setDouble("s", "d2", NAN));
+  EXPECT_TRUE(file.setDouble("s", "d3", -0.0) && file.setDouble("s", "d4", 1e6));
   EXPECT_TRUE(file.setInteger("s", "i", -2147483647 - 1) && file.setBoolean("s", "b", false));
   EXPECT_TRUE(file.setString("s", "t", " # ; = [x] \\ "));
-  const std::string text =
-      "[s]\n1=0.1\n2=1e+06\n3=123457\n4=nan\n5=-0\n6=3.14159\n7=2\n8=-inf\n9=1e-07\n"
-      "b=false\ni=-2147483648\nt= \\# \\; = [x] \\ \n";
-  EXPECT_EQ(text_of("file"), text);
+  struct Grouped : std::numpunct<char> {
+    char do_decimal_point() const override { return ','; }
+    char do_thousands_sep() const override { return '.'; }
+    std::string do_grouping() const override { return "\3"; }
+  };
+  const std::locale before = std::locale::global(std::locale(std::locale(), new Grouped));
+  EXPECT_TRUE(file.setInteger("u", "i", 12345) && file.setDouble("u", "d", 0.5));
+  std::locale::global(before);
+  EXPECT_EQ(text_of("file"),
+            "[s]\nb=false\nd1=123457\nd2=nan\nd3=-0\nd4=1e+06\ni=-2147483648\nt= \\# \\; = [x] \\ "
+            "\n[u]\nd=0,5\ni=12.345\n");
   struct stat status = {};
-  ASSERT_EQ(stat("file", &status), 0);
-  EXPECT_EQ(status.st_mode & 07777, 0640u);
+  EXPECT_EQ(stat("file", &status) + static_cast<int>(status.st_mode & 07777), 0640);
 }
 
-TEST_F(KeyFiles, ADefaultIsStoredOnceAndReadBack) {
-  int saves = 0;
-  KeyFile file("file", 0600, [&](std::string&, KeyFile::Operation) { ++saves; });
-  int number = 0;
-  EXPECT_TRUE(file.getInteger("net", "retries", number, 3) && number == 3);
-  EXPECT_TRUE(file.getInteger("net", "retries", number, 5) && number == 3);
-  EXPECT_EQ(saves, 1);
-  EXPECT_TRUE(file.setInteger("net", "retries", 3));
-  EXPECT_EQ(saves, 2);  // also when nothing changes
-  double real = 0;
-  EXPECT_TRUE(file.getDouble("net", "pi", real, 3.14159265) && real == 3.14159);
-  bool flag = false;
-  EXPECT_TRUE(file.getBoolean("a", "flag", flag, true) && flag);
-  std::string text = "both the output and the default";
-  EXPECT_TRUE(file.getString("net", "text", text, text));
-  EXPECT_EQ(text_of("file"), "[a]\nflag=true\n[net]\npi=3.14159\nretries=3\ntext=" + text + "\n");
-  EXPECT_EQ(lines_of([&] { EXPECT_FALSE(file.getDouble("net", "tiny", real, 1e-310)); }),
-            "<3>Failed to get net::tiny : stod\n");
-  EXPECT_EQ(saves, 6);
-  EXPECT_EQ(real, 3.14159);
+TEST_F(KeyFiles, ChangesAreSavedAndReadThroughTheCallback) {
+  std::string seen;
+  const auto callback = [&](std::string& text, Operation operation) {
+    seen += std::to_string(static_cast<int>(operation));
+    text = operation == Operation::Write ? text + "<" : text.substr(0, text.find('<'));
+  };
+  KeyFile file("file", 0600, callback);
+  EXPECT_EQ(seen, "");  // there is no file
+  text_ = "both the output and the default";
+  EXPECT_TRUE(file.getInteger("n", "i", number_, 3) && number_ == 3);
+  EXPECT_TRUE(file.getInteger("n", "i", number_, 5) && number_ == 3);
+  EXPECT_TRUE(file.getDouble("n", "d", real_, 3.14159265) && real_ == 3.14159);
+  EXPECT_TRUE(file.getString("n", "t", text_, text_));
+  EXPECT_EQ(messages_of([&] { EXPECT_FALSE(file.getDouble("n", "d2", real_, 1e-310)); }),
+            "<3>Failed to get n::d2 : stod\n");
+  EXPECT_TRUE(real_ == 3.14159 && file.setInteger("n", "i", 3));  // the same again
+  EXPECT_EQ(seen, "11111");
+  EXPECT_EQ(file.toString(), "[n]\nd=3.14159\nd2=1e-310\ni=3\nt=" + text_ + "\n");
+  EXPECT_EQ(text_of("file"), file.toString() + "<");
+  EXPECT_EQ(KeyFile("file", 0600, callback).toString(), file.toString());
+  put("file", seen = "");
+  EXPECT_EQ(KeyFile("file", 0600, callback).toString() + seen, "0");
 }
 
 TEST_F(KeyFiles, TextThatTheFormatCannotCarryIsRefused) {
-  put("file", "[a]\nk=v\n");
-  KeyFile file("file", 0600);
-  const std::vector<std::array<std::string, 4>> cases = {
-      {"", "k", "v", "the section name is empty"},
+  struct Row {
+    std::string section, key, text, reason;
+  };
+  const Row rows[] = {
+      {.section = "", .key = "k", .text = "v", .reason = "the section name is empty"},
       {"a]", "k", "v", "the section name holds ']' or a line feed"},
       {"a\n<2>forged", "k", "v", "the section name holds ']' or a line feed"},
       {"b", "k=", "v", "the key holds '=' or a line feed"},
@@ -148,123 +199,133 @@ TEST_F(KeyFiles, TextThatTheFormatCannotCarryIsRefused) {
       {"b", " k", "v", "the key begins or ends with white space"},
       {"b", "k\v", "v", "the key begins or ends with white space"},
       {"b", "k", "v\n", "the value holds a line feed"}};
-  for (const auto& [section, key, text, reason] : cases) {
-    std::string value = "as it was";
-    bool stored = true;
-    const auto lines = lines_of([&, &section = section, &key = key, &text = text] {
-      stored = file.setString(section, key, text) || file.getString(section, key, value, text);
+  put("file", "[a]\nk=v\n");
+  KeyFile file("file", 0600);
+  text_ = "as it was";
+  for (const Row& row : rows) {
+    const auto messages = messages_of([&] {
+      EXPECT_FALSE(file.setString(row.section, row.key, row.text));
+      EXPECT_FALSE(file.getString(row.section, row.key, text_, row.text));
     });
-    const auto line = "<3>Refused to store in 'file': " + reason + "\n";
-    EXPECT_EQ(std::tuple(lines, stored, value), std::tuple(line + line, false, "as it was"));
-    EXPECT_EQ(file.toString() + text_of("file"), "[a]\nk=v\n[a]\nk=v\n");
+    const std::string message = "<3>Refused to store in 'file': " + row.reason + "\n";
+    EXPECT_EQ(messages, message + message);
+    EXPECT_EQ(text_ + file.toString() + text_of("file"), "as it was[a]\nk=v\n[a]\nk=v\n");
   }
-  std::string value;
-  EXPECT_TRUE(file.getString("a", "k", value, "unused\n") && value == "v");
-  EXPECT_TRUE(file.setString("\t#[", std::string("\0;", 2), "\\"));
+  EXPECT_EQ(messages_of([&] { EXPECT_FALSE(file.setString("a", "k", "new\n")); }),
+            "<3>Refused to store in 'file': the value holds a line feed\n");
+  EXPECT_TRUE(file.getString("a", "k", text_, "unused\n") && text_ == "v");
+  EXPECT_TRUE(file.setString("\t#[", "", std::string("\0;", 2)));
   EXPECT_EQ(KeyFile("file", 0600).toString(), file.toString());
 }
 
-TEST_F(KeyFiles, TheCallbackRewritesTheTextBothWays) {
-  std::string seen;
-  put("file", "<[a]\nk=1\n");
-  KeyFile file("file", 0600, [&](std::string& text, KeyFile::Operation operation) {
-    seen += std::to_string(static_cast<int>(operation)) + text + "|";
-    text = operation == KeyFile::Operation::Read ? text.substr(1) : "<" + text;
-  });
+TEST_F(KeyFiles, AFailedSaveIsReportedAndTheNextOneMakesUpForIt) {
+  put("file", OLD);
+  KeyFile file("file", 0600);
+  const auto save = [&] { EXPECT_TRUE(file.setInteger("a", "b", 80)); };
+  EXPECT_EQ(messages_of([&] { calls_of(save, {.nth = 1, .error = EIO}); }),
+            "<3>Failed to unlink 'file.tmp': Input/output error\n"
+            "<3>Failed to save key file to 'file': Input/output error\n");
+  EXPECT_EQ(text_of("file"), OLD);
   file.write();
-  EXPECT_EQ(seen, "0<[a]\nk=1\n|1[a]\nk=1\n|");
-  EXPECT_EQ(file.toString(), "[a]\nk=1\n");
-  EXPECT_EQ(text_of("file"), "<[a]\nk=1\n");
+  EXPECT_EQ(text_of("file"), "[a]\nb=80\n" + OLD.substr(4));
 }
 
-TEST_F(KeyFiles, WhatTheCallbackThrowsPreventsTheSaveOnly) {
-  enum { NOTHING, ERROR, FOREIGN, REENTER } action = NOTHING;
-  KeyFile* self = nullptr;
-  KeyFile file("file", 0600, [&](std::string&, KeyFile::Operation) {
-    if (action == ERROR) throw std::runtime_error("disk full");
-    if (action == FOREIGN) throw 42;
-    if (action == REENTER) self->setInteger("net", "port", 0);
-  });
-  self = &file;
-  EXPECT_TRUE(file.setInteger("net", "port", 1));
-  int port = 0;
-  action = ERROR;
-  const std::string longer(100, 'x');
-  EXPECT_EQ(lines_of([&] {
-              EXPECT_FALSE(file.setInteger("net", "port", 80));
-              EXPECT_FALSE(file.setBoolean("net", "tls", true));
-              EXPECT_FALSE(file.setDouble("net", "rate", 1e6));
-              EXPECT_FALSE(file.setString("net", "name", longer));
-              EXPECT_FALSE(file.getInteger("net", "new", port, 7));
-            }),
-            "<3>Failed to set net::port=80: disk full\n<3>Failed to set net::tls=1: disk full\n"
-            "<3>Failed to set net::rate=1e+06: disk full\n<3>Failed to set net::name=" +
-                longer + ": disk full\n<3>Failed to get net::new : disk full\n");
-  EXPECT_EQ(port, 0);
-  action = FOREIGN;
-  EXPECT_EQ(lines_of([&] { EXPECT_THROW(file.setInteger("net", "port", 81), int); }), "");
-  EXPECT_EQ(text_of("file"), "[net]\nport=1\n");
-  action = REENTER;
-  EXPECT_EQ(lines_of([&] { EXPECT_FALSE(file.setInteger("net", "port", 82)); }),
-            "<3>Failed to set net::port=82: Resource deadlock avoided\n");
-  action = NOTHING;
-  EXPECT_TRUE(file.getInteger("net", "port", port, 0) && port == 82);
-  file.write();
-  EXPECT_EQ(text_of("file"), file.toString());
-  put("file", "[a\n");
-  EXPECT_EQ(lines_of([] { EXPECT_THROW(KeyFile("file", 0, [](auto&, auto) { throw 1; }), int); }),
-            "");
+TEST_F(KeyFiles, WhatTheCallbackThrowsPreventsTheSaveAndFreesTheLock) {
+  std::function<void()> act;
+  std::optional<KeyFile> file;
+  for (const auto& [failure, succeeds, may_throw] : accessors_) {
+    SCOPED_TRACE(failure);
+    const auto prepare = [&](const std::function<void()>& action) {
+      act = [] {};
+      put("file", OLD);
+      file.emplace("file", 0600u, [&](std::string&, Operation) { act(); });
+      act = action;
+    };
+    const auto fails = [&, &succeeds = succeeds] { EXPECT_FALSE(succeeds(*file)); };
+    prepare([] { throw std::runtime_error("disk full"); });
+    EXPECT_EQ(messages_of(fails), failure + "disk full\n");
+    EXPECT_EQ(text_of("file"), OLD);
+    prepare([] { throw 42; });
+    EXPECT_EQ(messages_of([&] { EXPECT_THROW(fails(), int); }), "");
+    prepare(fails);  // while it holds the lock
+    EXPECT_EQ(messages_of(fails), failure + "Resource deadlock avoided\n");
+    act = [] {};
+    EXPECT_TRUE(succeeds(*file));
+    act = fails;  // now of a key that is there
+    EXPECT_EQ(messages_of([&] { EXPECT_FALSE(file->setInteger("a", "b", 1)); }),
+              "<3>Failed to set a::b=1: Resource deadlock avoided\n");
+  }
+  EXPECT_THROW(KeyFile("file", 0600, [](auto&, auto) { throw 42; }), int);
 }
 
 TEST_F(KeyFiles, MovesHandOverTheDocumentAndLeaveASafeObject) {
   auto owned = std::make_shared<int>();
-  KeyFile first("first", 0600, [owned](std::string&, KeyFile::Operation) {});
+  KeyFile first("first", 0600, [owned](std::string&, Operation) {});
   KeyFile second("second", 0600);
-  EXPECT_TRUE(first.setInteger("a", "k", 1));
   KeyFile& alias = first;
   first = std::move(alias);
-  EXPECT_EQ(first.toString(), "[a]\nk=1\n");
+  EXPECT_TRUE(first.setInteger("a", "k", 1));
   first = std::move(second);
-  EXPECT_EQ(owned.use_count(), 1);
   EXPECT_TRUE(first.setInteger("b", "k", 3));
-  EXPECT_EQ(text_of("second"), "[b]\nk=3\n");
-  std::string text = "as it was";
-  const auto lines = lines_of([&] {    // NOLINT(bugprone-use-after-move): it must be safe
-    EXPECT_EQ(second.toString(), "");  // NOLINT(clang-analyzer-cplusplus.Move)
+  EXPECT_EQ(std::tuple(owned.use_count(), text_of("second")), std::tuple(1, "[b]\nk=3\n"));
+  const std::string messages = messages_of([&] {  // NOLINT(bugprone-use-after-move): it is safe
+    EXPECT_EQ(second.toString(), "");             // NOLINT(clang-analyzer-cplusplus.Move)
     second.write();
-    EXPECT_FALSE(second.getString("a", "k", text, "") || second.setBoolean("a", "k", true));
+    EXPECT_FALSE(second.getString("a", "k", text_, "v") || second.setBoolean("a", "k", true));
   });
-  EXPECT_EQ(std::count(lines.begin(), lines.end(), '\n'), 4);
-  EXPECT_EQ(lines.find("<2>src/keyfile.cpp:"), 0u);
-  EXPECT_EQ(text, "as it was");
+  EXPECT_EQ(std::count(messages.begin(), messages.end(), '\n'), 4);
+  EXPECT_EQ(messages.substr(0, 19) + text_, "<2>src/keyfile.cpp:");
   second = KeyFile(std::move(first));
   EXPECT_EQ(second.toString(), "[b]\nk=3\n");
 }
 
-TEST_F(KeyFiles, ThreadsTakeTurnsOnOneObject) {
-  int inside = 0;  // not atomic: the thread sanitizer sees callbacks that overlap
-  KeyFile file("shared", 0600, [&](std::string&, KeyFile::Operation) {
-    EXPECT_EQ(++inside, 1);
-    --inside;
-  });
-  std::array<std::thread, 4> threads;
-  for (size_t id = 0; id < threads.size(); ++id) {
-    threads[id] = std::thread([&file, own = std::to_string(id)] {
-      std::tuple<int, double, bool, std::string> read;
-      auto& [number, real, flag, text] = read;
-      KeyFile apart("apart" + own, 0600);
-      for (int i = 0; i < 10; ++i) {
-        EXPECT_TRUE(file.setInteger(own, "i", i) && file.getInteger(own, "i", number, -1));
-        EXPECT_TRUE(file.setDouble(own, "d", 0.5) && file.getDouble(own, "d", real, 0));
-        EXPECT_TRUE(file.setBoolean(own, "b", true) && file.getBoolean(own, "b", flag, false));
-        EXPECT_TRUE(file.setString(own, "t", own) && file.getString(own, "t", text, ""));
-        EXPECT_EQ(read, std::tuple(i, 0.5, true, own));
-        EXPECT_TRUE(apart.setInteger("s", "i", i));
+TEST_F(KeyFiles, EveryAllocationMayFail) {
+  std::vector<Accessor> rows = accessors_;
+  rows.push_back({"", [](KeyFile& file) { return file.toString() == OLD; }, true});
+  rows.push_back({"", [](KeyFile& file) { return file.write(), true; }, true});
+  rows.push_back({"<3>Failed to read keyfile at file: ",
+                  [](KeyFile&) { return KeyFile("file", 0600).toString() == OLD; }, true});
+  for (const auto& [failure, succeeds, may_throw] : rows) {
+    for (int nth = 1, failures = 2; failures > 0; ++nth) {
+      failures = 0;
+      for (const bool all : {false, true}) {
+        SCOPED_TRACE(testing::Message() << failure << nth << (all ? " and all later" : ""));
+        put("file", OLD);
+        KeyFile file("file", 0600);
+        bool done = false, thrown = true;
+        const auto messages = messages_of([&, &succeeds = succeeds] {
+          failures += fails_allocation(nth, all, [&] {
+            try {
+              done = succeeds(file);
+              thrown = false;
+            } catch (const std::bad_alloc&) {
+            }
+          });
+        });
+        const std::string message = failure.empty() ? "" : failure + "std::bad_alloc\n";
+        EXPECT_TRUE(messages == (done ? "" : message) || (thrown && messages.empty())) << messages;
+        EXPECT_TRUE(!thrown || may_throw);
+        EXPECT_TRUE(text_of("file") == OLD || text_of("file") == file.toString());
+        // A key appears with its text or not at all: asked again, it gives the default.
+        EXPECT_TRUE(succeeds(file));
+        file.write();
+        EXPECT_EQ(KeyFile("file", 0600).toString(), file.toString());
       }
-    });
+      EXPECT_TRUE(nth > 1 || failures == 2) << "nothing failed";
+    }
   }
-  for (auto& thread : threads) thread.join();
-  EXPECT_EQ(text_of("shared"), file.toString());
+}
+
+TEST_F(KeyFiles, ThreadsTakeTurnsOnOneObject) {  // as the thread sanitizer sees
+  KeyFile file("file", 0600, [saves = 0](std::string&, Operation) mutable { ++saves; });
+  const auto use = [&] {
+    for (int i = 0, number = 0; i < 10; ++i) {
+      EXPECT_TRUE(file.setInteger("s", "k", i) && file.getInteger("s", "k", number, 0));
+    }
+  };
+  std::thread other(use);
+  use();
+  other.join();
 }
 
 }  // namespace

@@ -1,23 +1,32 @@
-// What all tests share: a folder of their own, and what the library leaves on standard error.
+// What all tests share: a directory of their own, the messages of the library, and disturbances of
+// its system calls and allocations. Each test program includes this once and so defines some of
+// libc's entry points and operator new: the library, the very one that is installed, calls these.
 #ifndef VUTIL_TESTS_SUPPORT_H_
 #define VUTIL_TESTS_SUPPORT_H_
 
+#include <dlfcn.h>
 #include <fcntl.h>
+#include <ftw.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
-#include <array>
+#include <algorithm>
 #include <cerrno>
-#include <filesystem>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
 #include <fstream>
 #include <functional>
-#include <iterator>
+#include <new>
+#include <optional>
 #include <sstream>
 #include <string>
-#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "vutil/io.h"
@@ -25,27 +34,150 @@
 
 namespace vutil {
 
-using std::filesystem::exists;
 using namespace std::chrono_literals;
+using std::chrono::nanoseconds;
+using Texts = std::vector<std::string>;
 
-// Each test runs in a new folder in memory, and fails if it leaves a descriptor open.
-class InFolder : public testing::Test {
+inline int open_descriptors() {
+  int count = 0;
+  for (int fd = 0; fd < 64; ++fd) count += fcntl(fd, F_GETFD) < 0 ? 0 : 1;
+  return count;
+}
+
+// Each test runs in a new directory, and fails if it leaves a descriptor open. Standard input is
+// closed, so that 0 is the number of the first descriptor that a test or the library opens.
+class InDirectory : public testing::Test {
  protected:
-  InFolder() {
-    std::filesystem::current_path(mkdtemp(folder_.data()));
+  void SetUp() override {
+    const char* base = getenv("TMPDIR");
+    if (base == nullptr) base = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
+    directory_ = std::string(base) + "/vutilXXXXXX";
+    umask(077);
+    ASSERT_TRUE(mkdtemp(directory_.data()) != nullptr && chdir(directory_.c_str()) == 0)
+        << "no directory for the tests: " << directory_ << ": " << strerror(errno);
+    char path[PATH_MAX];
+    directory_ = getcwd(path, sizeof(path));
+    close(STDIN_FILENO);
     open_before_ = open_descriptors();
   }
-  ~InFolder() override {
+
+  void TearDown() override {
     EXPECT_EQ(open_descriptors(), open_before_) << "descriptors leaked or closed";
-    std::filesystem::current_path("/");
-    std::filesystem::remove_all(folder_);
+    EXPECT_EQ(chdir("/"), 0);
+    nftw(
+        directory_.c_str(), [](auto path, auto, auto, auto) { return remove(path); }, 8,
+        FTW_DEPTH | FTW_PHYS);
   }
-  static std::ptrdiff_t open_descriptors() {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
-  }
-  std::string folder_ = "/dev/shm/vutilXXXXXX";
-  std::ptrdiff_t open_before_ = 0;
+
+  std::string directory_;
+  int open_before_ = 0;
 };
+
+struct Disturbance {
+  size_t nth = 0;                            // the call that is disturbed, counted from 1,
+  int error = 0;                             // which then fails with this errno value,
+  std::optional<long long> result = {};      // or does nothing and gives this
+  size_t at_most = SIZE_MAX;                 // bytes that a call reads or writes
+  std::function<void(msghdr&)> change = {};  // what becomes of a message that is received
+};
+
+inline thread_local struct {
+  const Disturbance* disturbance = nullptr;  // while calls are noted
+  Texts calls;
+  nanoseconds now{};
+  int allocations_left = 0;  // until one fails
+  bool all_fail = false, failed = false;
+} state;
+
+// Arguments whose numbers have names.
+enum Flags : int {};
+enum Mode : mode_t {};
+enum Whence : int {};
+enum Command : int {};
+enum Clock : clockid_t {};
+enum Entries : nfds_t {};
+
+// How an argument is noted. Pointers to data are left out.
+inline std::string shown(const char* path) { return std::string(" ") + path; }
+inline std::string shown(long long number) { return (std::ostringstream() << " " << number).str(); }
+inline std::string shown(const void*) { return ""; }
+inline std::string shown(Mode mode) {
+  return (std::ostringstream() << std::oct << std::showbase << " " << unsigned{mode}).str();
+}
+inline std::string shown(Clock clock) {
+  return clock == CLOCK_MONOTONIC ? " CLOCK_MONOTONIC" : " other";
+}
+inline std::string shown(Whence whence) {
+  return whence == SEEK_END ? " SEEK_END" : shown(int{whence});
+}
+inline std::string shown(Command command) {
+  return command == F_GETFL ? " F_GETFL" : command == F_SETFL ? " F_SETFL" : " other";
+}
+inline std::string shown(Flags flags) {
+  std::string names;
+  for (const auto& [flag, name] : {std::pair(O_WRONLY, " O_WRONLY"),
+                                   {O_CREAT, " O_CREAT"},
+                                   {O_EXCL, " O_EXCL"},
+                                   {O_APPEND, " O_APPEND"},
+                                   {O_NONBLOCK, " O_NONBLOCK"},
+                                   {O_CLOEXEC, " O_CLOEXEC"}}) {
+    if ((flags & flag) != 0) names += name;
+    flags = Flags(flags & ~flag);
+  }
+  return flags == 0 ? names : names + shown(int{flags});
+}
+inline std::string shown(Entries count) { return count == 1 ? "" : " other"; }
+inline std::string shown(timespec*) { return ""; }
+inline std::string shown(const pollfd* entry) {
+  return shown(entry->fd) + (entry->events == POLLIN ? " POLLIN" : " other");
+}
+inline std::string shown(const timespec* time) {
+  return shown(time->tv_sec) + " s" + shown(time->tv_nsec) + " ns";
+}
+
+// What happens to an argument before a call, and to what it points to after the call.
+void shorten(const auto&) {}
+inline void shorten(size_t& size) { size = std::min(size, state.disturbance->at_most); }
+void change(const auto&) {}
+inline void change(msghdr* message) {
+  if (state.disturbance->change) state.disturbance->change(*message);
+}
+inline void change(timespec* now) {
+  state.now += 100ms;
+  *now = {state.now / 1s, static_cast<long>((state.now % 1s).count())};
+}
+
+// A call of libc's `symbol`, noted under `name`. A close that fails has closed all the same.
+template <typename Result, typename... Arguments>
+Result stand_in(const std::string& name, const char* symbol, Arguments... arguments) {
+  const auto real = reinterpret_cast<Result (*)(Arguments...)>(dlsym(RTLD_NEXT, symbol));
+  if (state.disturbance == nullptr) return real(arguments...);
+  const Disturbance& disturbance = *state.disturbance;
+  state.calls.push_back((name + ... + shown(arguments)));
+  const bool disturbed = state.calls.size() == disturbance.nth;
+  if (disturbed && disturbance.result) return static_cast<Result>(*disturbance.result);
+  (shorten(arguments), ...);
+  const bool fails = disturbed && disturbance.error != 0;
+  const Result result = fails && name != "close" ? -1 : real(arguments...);
+  (change(arguments), ...);
+  if (fails) errno = disturbance.error;
+  return fails ? -1 : result;
+}
+
+// A copy of an array of buffers that holds no more than may be written.
+inline std::vector<iovec> shortened(const iovec* iov, int count) {
+  std::vector<iovec> entries(iov, iov + count);
+  size_t left = state.disturbance == nullptr ? SIZE_MAX : state.disturbance->at_most;
+  for (iovec& entry : entries) left -= entry.iov_len = std::min(entry.iov_len, left);
+  return entries;
+}
+
+inline void* allocate(size_t size) {
+  const bool fails = state.allocations_left > 0 && --state.allocations_left == 0;
+  if (fails && state.all_fail) state.allocations_left = 1;
+  state.failed |= fails;
+  return fails ? nullptr : malloc(size);
+}
 
 inline void put(const std::string& path, const std::string& text) { std::ofstream(path) << text; }
 
@@ -53,13 +185,88 @@ inline std::string text_of(const std::string& path) {
   return (std::ostringstream() << std::ifstream(path).rdbuf()).str();
 }
 
-// What `call` writes to standard error.
-inline std::string lines_of(const std::function<void()>& call) {
-  testing::internal::CaptureStderr();
-  call();
-  return testing::internal::GetCapturedStderr();
+// What `run` makes the library write to standard error. Each print changes errno, and one that is
+// not a whole line is marked.
+inline std::string messages_of(const std::function<void()>& run) {
+  std::string messages;
+  messages.reserve(size_t{1} << 16);  // allocations may be failing
+  const auto append = [](void* to, const char* text, size_t size) {
+    const bool whole = text[size - 1] == '\n' || size > 4000;  // stdio splits a long one
+    static_cast<std::string*>(to)->append(text, size).append(whole ? "" : "[cut]");
+    errno = EXFULL;
+    return static_cast<ssize_t>(size);
+  };
+  FILE* const stream = fopencookie(&messages, "w", {nullptr, append, nullptr, nullptr});
+  setvbuf(stream, nullptr, _IONBF, 0);
+  FILE* const standard_error = std::exchange(stderr, stream);
+  run();
+  fclose(std::exchange(stderr, standard_error));
+  return messages;
 }
 
+// The system calls that `run` makes in this thread, in order. The clock starts at 100 s and goes on
+// by 0.1 s for each look at it.
+inline Texts calls_of(const std::function<void()>& run, const Disturbance& disturbance = {}) {
+  state.now = 100s;
+  state.disturbance = &disturbance;
+  run();
+  state.disturbance = nullptr;
+  return std::exchange(state.calls, {});
+}
+
+// Whether `run` made an n-th allocation in this thread: it failed, with all later ones if `all`.
+inline bool fails_allocation(int nth, bool all, const std::function<void()>& run) {
+  state.failed = false;
+  state.all_fail = all;
+  state.allocations_left = nth;
+  run();
+  state.allocations_left = 0;
+  return state.failed;
+}
+
+// NOLINTBEGIN(misc-definitions-in-headers): once in each program
+#define STAND_IN(name, symbol, result, parameters, ...)        \
+  extern "C" result stand_in_##symbol parameters asm(#symbol); \
+  extern "C" result stand_in_##symbol parameters {             \
+    return stand_in<result>(#name, #symbol, __VA_ARGS__);      \
+  }
+// On 32-bit targets, calls with 64-bit times have symbols of their own.
+#define STAND_IN_2(name, symbol, symbol_64, result, parameters, ...) \
+  STAND_IN(name, symbol, result, parameters, __VA_ARGS__)            \
+  STAND_IN(name, symbol_64, result, parameters, __VA_ARGS__)
+
+STAND_IN(open, open64, int, (const char* path, Flags flags, Mode mode), path, flags,
+         (flags & O_CREAT) != 0 ? mode : Mode{})
+STAND_IN(lseek, lseek64, off64_t, (int fd, off64_t offset, Whence from), fd, offset, from)
+STAND_IN(read, read, ssize_t, (int fd, void* data, size_t size), fd, data, size)
+STAND_IN(write, write, ssize_t, (int fd, const void* data, size_t size), fd, data, size)
+STAND_IN(writev, writev, ssize_t, (int fd, const iovec* iov, int count), fd,
+         static_cast<const iovec*>(shortened(iov, count).data()), count)
+STAND_IN(fsync, fsync, int, (int fd), fd)
+STAND_IN(close, close, int, (int fd), fd)
+STAND_IN(chmod, chmod, int, (const char* path, Mode mode), path, mode)
+STAND_IN(rename, rename, int, (const char* from, const char* to), from, to)
+STAND_IN(unlink, unlink, int, (const char* path), path)
+STAND_IN_2(fcntl, fcntl64, __fcntl_time64, int, (int fd, Command command, Flags flags), fd, command,
+           command == F_SETFL ? flags : Flags{})
+STAND_IN_2(ppoll, ppoll, __ppoll64, int,
+           (const pollfd* entries, Entries count, const timespec* time, void* signals), entries,
+           count, time, signals)
+STAND_IN_2(recvmsg, recvmsg, __recvmsg64, ssize_t, (int fd, msghdr* message, int flags), fd,
+           message, flags)
+STAND_IN_2(clock_gettime, clock_gettime, __clock_gettime64, int, (Clock clock, timespec* now),
+           clock, now)
+
 }  // namespace vutil
+
+void* operator new(size_t size) {
+  void* const memory = vutil::allocate(size);
+  if (memory == nullptr) throw std::bad_alloc();
+  return memory;
+}
+void* operator new(size_t size, const std::nothrow_t&) noexcept { return vutil::allocate(size); }
+[[gnu::noinline]] void operator delete(void* memory) noexcept { free(memory); }
+[[gnu::noinline]] void operator delete(void* memory, size_t) noexcept { free(memory); }
+// NOLINTEND(misc-definitions-in-headers)
 
 #endif  // VUTIL_TESTS_SUPPORT_H_
