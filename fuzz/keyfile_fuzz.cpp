@@ -15,9 +15,7 @@
 #include "vutil/io.h"
 #include "vutil/keyfile.h"
 
-static void require(bool holds) {
-  if (!holds) abort();
-}
+static void require(bool holds) { holds ? void() : abort(); }
 
 static std::string trimmed(std::string text) {
   text.erase(0, text.find_first_not_of(" \t\n\r\f\v"));

@@ -250,8 +250,7 @@ TEST_F(Io, ReadsEndByTheDeadlineWithTheTimeComputedAfresh) {
     EXPECT_EQ(buffer, (row.read + ".........").substr(0, 9));
     for (int& end : ends) xclose(end);
   }
-  char byte = 0;
-  EXPECT_EQ(outcome_of([&] { return read_timeout(0, &byte, 1, &count_, nanoseconds::min()); }),
+  EXPECT_EQ(outcome_of([&] { return read_timeout(0, &count_, 1, &count_, nanoseconds::min()); }),
             "<2>src/io.cpp:120: read_deadline: Assertion `deadline >= 0ns' failed.\nEINVAL");
 }
 

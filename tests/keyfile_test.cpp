@@ -262,8 +262,7 @@ TEST_F(KeyFiles, MovesHandOverTheDocumentAndLeaveASafeObject) {
   auto owned = std::make_shared<int>();
   KeyFile first("first", 0600, [owned](std::string&, Operation) {});
   KeyFile second("second", 0600);
-  KeyFile& alias = first;
-  first = std::move(alias);
+  first = std::move(static_cast<KeyFile&>(first));
   EXPECT_TRUE(first.setInteger("a", "k", 1));
   first = std::move(second);
   EXPECT_TRUE(first.setInteger("b", "k", 3));
@@ -319,9 +318,8 @@ TEST_F(KeyFiles, EveryAllocationMayFail) {
 TEST_F(KeyFiles, ThreadsTakeTurnsOnOneObject) {  // as the thread sanitizer sees
   KeyFile file("file", 0600, [saves = 0](std::string&, Operation) mutable { ++saves; });
   const auto use = [&] {
-    for (int i = 0, number = 0; i < 10; ++i) {
+    for (int i = 0, number = 0; i < 10; ++i)
       EXPECT_TRUE(file.setInteger("s", "k", i) && file.getInteger("s", "k", number, 0));
-    }
   };
   std::thread other(use);
   use();
