@@ -75,7 +75,7 @@ TEST_F(KeyFiles, TextIsReadAndWrittenInOrderOrReportedWithItsLine) {
       {"[ ]\n[ a ]\n[a=b[c]]\n", "[ ]\n[ a ]\n[a=b[c]\n"},
       {"[a]\nk = a = b\n=v\nj=\nkk=\x0e\x08", "[a]\n=v\nj=\nk=a = b\nkk=\x0e\x08\n"},
       {"[a]\nk=v # note\nl=v ; note\nm=#\n#n=1\n", "[a]\nk=v\nl=v\nm=\n"},
-      {"[a\\#1]\nk=v \\# not\\;e ; note\n\\;j=\\\\#\n", "[a\\#1]\n\\;j=\\\\#\nk=v \\# not\\;e\n"},
+      {"[a\\#1]\nk=v \\# \\#n\\;e ; note\n\\;j=\\\\#\n", "[a\\#1]\n\\;j=\\\\#\nk=v \\# \\#n\\;e\n"},
       {"[a]\nk=\\\\ \\n\nj=\\##cut\nl=\\#;cut\\#\n", "[a]\nj=\\#\nk=\\\\ \\n\nl=\\#\n"},
       {std::string("[a\0b]\n\0=\0\n", 10), std::string("[a\0b]\n\0=\0\n", 10)},
       {"[a]\n\xff=\n\x7f=\n", "[a]\n\x7f=\n\xff=\n"},
@@ -152,11 +152,11 @@ TEST_F(KeyFiles, ValuesAreStoredInTheTextFormOfTheirType) {
     std::string do_grouping() const override { return "\3"; }
   };
   const std::locale before = std::locale::global(std::locale(std::locale(), new Grouped));
-  EXPECT_TRUE(file.setInteger("u", "i", 12345) && file.setDouble("u", "d", 0.5));
+  EXPECT_TRUE(file.setInteger("u", "i", 12345) && file.setDouble("u", "x", 0.5));
   std::locale::global(before);
   EXPECT_EQ(text_of("file"),
             "[s]\nb=false\nd1=123457\nd2=nan\nd3=-0\nd4=1e+06\ni=-2147483648\nt= \\# \\; = [x] \\ "
-            "\n[u]\nd=0,5\ni=12.345\n");
+            "\n[u]\ni=12.345\nx=0,5\n");
   struct stat status = {};
   EXPECT_EQ(stat("file", &status) + static_cast<int>(status.st_mode & 07777), 0640);
 }
@@ -172,13 +172,13 @@ TEST_F(KeyFiles, ChangesAreSavedAndReadThroughTheCallback) {
   text_ = "both the output and the default";
   EXPECT_TRUE(file.getInteger("n", "i", number_, 3) && number_ == 3);
   EXPECT_TRUE(file.getInteger("n", "i", number_, 5) && number_ == 3);
-  EXPECT_TRUE(file.getDouble("n", "d", real_, 3.14159265) && real_ == 3.14159);
+  EXPECT_TRUE(file.getDouble("n", "x", real_, 3.14159265) && real_ == 3.14159);
   EXPECT_TRUE(file.getString("n", "t", text_, text_));
-  EXPECT_EQ(messages_of([&] { EXPECT_FALSE(file.getDouble("n", "d2", real_, 1e-310)); }),
-            "<3>Failed to get n::d2 : stod\n");
+  EXPECT_EQ(messages_of([&] { EXPECT_FALSE(file.getDouble("n", "x2", real_, 1e-310)); }),
+            "<3>Failed to get n::x2 : stod\n");
   EXPECT_TRUE(real_ == 3.14159 && file.setInteger("n", "i", 3));  // the same again
   EXPECT_EQ(seen, "11111");
-  EXPECT_EQ(file.toString(), "[n]\nd=3.14159\nd2=1e-310\ni=3\nt=" + text_ + "\n");
+  EXPECT_EQ(file.toString(), "[n]\ni=3\nt=" + text_ + "\nx=3.14159\nx2=1e-310\n");
   EXPECT_EQ(text_of("file"), file.toString() + "<");
   EXPECT_EQ(KeyFile("file", 0600, callback).toString(), file.toString());
   put("file", seen = "");

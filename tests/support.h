@@ -16,7 +16,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -55,8 +54,6 @@ class InDirectory : public testing::Test {
     umask(077);
     ASSERT_TRUE(mkdtemp(directory_.data()) != nullptr && chdir(directory_.c_str()) == 0)
         << "no directory for the tests: " << directory_ << ": " << strerror(errno);
-    char path[PATH_MAX];
-    directory_ = getcwd(path, sizeof(path));
     close(STDIN_FILENO);
     open_before_ = open_descriptors();
   }
