@@ -106,7 +106,7 @@ nanoseconds monotonic_now() {
 }  // namespace
 
 // The remaining time is computed afresh before every wait, so that partial reads cannot stretch the
-// call beyond its deadline. A deadline that has passed becomes a wait of no time, not a failure:
+// waiting beyond the deadline. A deadline that has passed becomes a wait of no time, not a failure:
 // what is readable already is still read. Which events ppoll returned is not examined: after a
 // hang-up or an error the read itself tells best what happened.
 //
