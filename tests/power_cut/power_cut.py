@@ -106,9 +106,11 @@ def write(disk, writes):
 def cut(disk, record, cuts):
     """Gives the disks that each cut may leave, and the numbers reported until then."""
     reports = [at for at, (sector, _) in enumerate(record) if sector == REPORT]
-    # From the second report on both files exist. Every other cut comes right after a report.
-    positions = [random.randrange(reports[n], reports[n + 1]) if n % 2 else reports[n]
-                 for n in range(1, 1 + cuts)]
+    # From the second report on both files exist. Each cut comes right after a write that is not
+    # flushed yet: in turns any, or the first after a report, where "dropped" is what was reported.
+    gaps = [[at for at in range(start + 1, end) if record[at][1]]
+            for start, end in zip(reports[1:], reports[2:])]
+    positions = [random.choice(gap) if n % 2 else gap[0] for n, gap in enumerate(gaps[:cuts])]
     unflushed = []
     for position, (sector, data) in enumerate(record):
         if sector == REPORT:
@@ -160,8 +162,10 @@ verdicts = [line for line in console if line in ("good", "bad")]
 assert len(verdicts) == len(cases), "a disk was not inspected"
 passed = True
 for saver in CUTS:
-    bad = [case for case, verdict in zip(cases, verdicts) if verdict == "bad" and case[0] == saver]
-    print(f"{type_}, {saver}: {CUTS[saver]} cuts, {3 * CUTS[saver]} disks, {len(bad)} bad")
+    made = [(case, verdict) for case, verdict in zip(cases, verdicts) if case[0] == saver]
+    assert len(made) == 3 * CUTS[saver], "a cut was not made"
+    bad = [case for case, verdict in made if verdict == "bad"]
+    print(f"{type_}, {saver}: {CUTS[saver]} cuts, {len(made)} disks, {len(bad)} bad")
     if bool(bad) == (saver == "library"):
         passed = False
         print(f"Not as it must be: {bad}")
