@@ -1,6 +1,3 @@
-#include <array>
-#include <tuple>
-
 #include "support.h"
 
 namespace vutil {
@@ -49,11 +46,8 @@ class Io : public InDirectory {
   EXPECT_EQ(outcome_of([&] { return function(__VA_ARGS__); }), \
             "<2>src/io.cpp:" #line ": " #function ": Assertion `" #condition "' failed.\n" #error)
 
-#define TOO_LONG(line, buffer, path, ...) \
-  BREAKS(line, to_null_terminated_path(buffer, path), ENAMETOOLONG, __VA_ARGS__)
-
 TEST_F(Io, EveryCheckReportsItselfAndTouchesNothing) {
-  const std::string path(4095, 'x');
+  const std::string xs(4095, 'x');
   char byte = 'b';
   iovec iov = {&byte, 1};
   int fd = 77;
@@ -75,20 +69,21 @@ TEST_F(Io, EveryCheckReportsItselfAndTouchesNothing) {
     BREAKS(232, iovcnt >= 0, EINVAL, writev_all, 0, nullptr, -1, &count_);
     BREAKS(233, iovcnt != 0 || iov == nullptr, EINVAL, writev_all, 0, &iov, 0, &count_);
     BREAKS(266, !path.empty(), EINVAL, get_file_contents, "", text);
-    TOO_LONG(269, cpath, path, get_file_contents, path, text);
+    BREAKS(269, to_null_terminated_path(cpath, path), ENAMETOOLONG, get_file_contents, xs, text);
     BREAKS(333, !path.empty(), EINVAL, set_file_contents, "", "x", 0600);
-    TOO_LONG(339, cpath, path, set_file_contents, path, "x", 0600);
+    BREAKS(339, to_null_terminated_path(cpath, path), ENAMETOOLONG, set_file_contents, xs, "", 0);
     BREAKS(345, static_cast<size_t>(tmp_cpath_len) < sizeof(tmp_cpath), ENAMETOOLONG,
-           set_file_contents, path.substr(3), "x", 0600);
+           set_file_contents, xs.substr(3), "", 0);
     BREAKS(384, !path.empty(), EINVAL, set_file_contents_inplace, "", "x");
-    TOO_LONG(386, cpath, path, set_file_contents_inplace, path, "x");
+    BREAKS(386, to_null_terminated_path(cpath, path), ENAMETOOLONG, set_file_contents_inplace, xs,
+           "x");
     BREAKS(392, fd >= 0, EBADF, set_blocking, -1, true);
     BREAKS(409, !path.empty(), EINVAL, fsync_path, "");
-    TOO_LONG(412, cpath, path, fsync_path, path);
+    BREAKS(412, to_null_terminated_path(cpath, path), ENAMETOOLONG, fsync_path, xs);
     BREAKS(428, !oldpath.empty(), EINVAL, rename_fsync, "", "");
-    BREAKS(429, !newpath.empty(), EINVAL, rename_fsync, path, "");
-    TOO_LONG(432, c_oldpath, oldpath, rename_fsync, path, path);
-    TOO_LONG(434, c_newpath, newpath, rename_fsync, "x", path);
+    BREAKS(429, !newpath.empty(), EINVAL, rename_fsync, xs, "");
+    BREAKS(432, to_null_terminated_path(c_oldpath, oldpath), ENAMETOOLONG, rename_fsync, xs, xs);
+    BREAKS(434, to_null_terminated_path(c_newpath, newpath), ENAMETOOLONG, rename_fsync, "x", xs);
   });
   EXPECT_EQ(std::tuple(calls, count_, fd, text), std::tuple(Texts(), 77u, 77, "as it was"));
 }
@@ -181,8 +176,7 @@ close 0: 0, 6 calls, old text
 no failure: 0, 6 calls, old text
 )");
   EXPECT_EQ(outcome_of([&] { return get_file_contents("absent", contents); }), "ENOENT");
-  calls_of([&] { EXPECT_ANY_THROW(static_cast<void>(read_target())); },
-           {.nth = 2, .result = INT64_MAX});
+  calls_of([&] { EXPECT_ANY_THROW((void)read_target()); }, {.nth = 2, .result = INT64_MAX});
   EXPECT_EQ(contents, "as it was");
   calls_of([&] { EXPECT_EQ(read_target(), 0); }, {.at_most = 1});
   EXPECT_EQ(contents, "old text");
@@ -219,8 +213,7 @@ TEST_F(Io, ReadsEndByTheDeadlineWithTheTimeComputedAfresh) {
     size_t wanted;
     nanoseconds timeout;
     int result;
-    std::string read;
-    std::string waits;  // and after each the size of the read
+    std::string read, waits;  // and after each wait the size of the read
   };
   const Row rows[] = {{"", false, 0, 1s, 0, "", ""},
                       {"", false, 1, -1ns, -ETIMEDOUT, "", " 0 s 0 ns"},
@@ -259,7 +252,7 @@ TEST_F(Io, ReadsEndByTheDeadlineWithTheTimeComputedAfresh) {
 
 TEST_F(Io, DrainingGoesThroughABuffer) {
   ASSERT_EQ(open("/dev/zero", O_RDONLY), 0);
-  const std::string now = "clock_gettime CLOCK_MONOTONIC", wait = "ppoll 0 POLLIN 2999999999 s ";
+  const std::string now = "clock_gettime MONOTONIC", wait = "ppoll 0 POLLIN 2999999999 s ";
   const std::string fails = "<3>read_deadline: ppoll: Interrupted system call\n";
   const auto drain = [] { return read_drain(0, 20'000, 3'000'000'100s); };
   EXPECT_EQ(calls_of([&] { EXPECT_EQ(drain(), 0); }),

@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -25,6 +26,7 @@
 #include <optional>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -61,9 +63,8 @@ class InDirectory : public testing::Test {
   void TearDown() override {
     EXPECT_EQ(open_descriptors(), open_before_) << "descriptors leaked or closed";
     EXPECT_EQ(chdir("/"), 0);
-    nftw(
-        directory_.c_str(), [](auto path, auto, auto, auto) { return remove(path); }, 8,
-        FTW_DEPTH | FTW_PHYS);
+    const auto erase = [](auto path, auto, auto, auto) { return remove(path); };
+    nftw(directory_.c_str(), erase, 8, FTW_DEPTH | FTW_PHYS);
   }
 
   std::string directory_;
@@ -101,23 +102,16 @@ inline std::string shown(const void*) { return ""; }
 inline std::string shown(Mode mode) {
   return (std::ostringstream() << std::oct << std::showbase << " " << unsigned{mode}).str();
 }
-inline std::string shown(Clock clock) {
-  return clock == CLOCK_MONOTONIC ? " CLOCK_MONOTONIC" : " other";
-}
-inline std::string shown(Whence whence) {
-  return whence == SEEK_END ? " SEEK_END" : shown(int{whence});
-}
+inline std::string shown(Clock id) { return id == CLOCK_MONOTONIC ? " MONOTONIC" : " other"; }
+inline std::string shown(Whence from) { return from == SEEK_END ? " SEEK_END" : shown(int{from}); }
 inline std::string shown(Command command) {
   return command == F_GETFL ? " F_GETFL" : command == F_SETFL ? " F_SETFL" : " other";
 }
 inline std::string shown(Flags flags) {
   std::string names;
-  for (const auto& [flag, name] : {std::pair(O_WRONLY, " O_WRONLY"),
-                                   {O_CREAT, " O_CREAT"},
-                                   {O_EXCL, " O_EXCL"},
-                                   {O_APPEND, " O_APPEND"},
-                                   {O_NONBLOCK, " O_NONBLOCK"},
-                                   {O_CLOEXEC, " O_CLOEXEC"}}) {
+#define NAMED(flag) std::pair(flag, " " #flag)
+  for (const auto& [flag, name] : {NAMED(O_WRONLY), NAMED(O_CREAT), NAMED(O_EXCL), NAMED(O_APPEND),
+                                   NAMED(O_NONBLOCK), NAMED(O_CLOEXEC)}) {
     if ((flags & flag) != 0) names += name;
     flags = Flags(flags & ~flag);
   }
