@@ -62,7 +62,7 @@ class Descriptor {
 // an argument, `errno` is read before the print can change it.
 [[gnu::format(printf, 2, 0)]] int report_failure(int error, const char* format,
                                                  const char* subject) {
-  fprintf(stderr, format, subject, strerror(error));
+  print_message(format, subject, strerror(error));
   return -error;
 }
 
@@ -353,7 +353,7 @@ int set_file_contents(std::string_view path, std::string_view contents, unsigned
   // Its own message says which step failed; this one, that the target is as it was.
   int result = write_contents_to_path(tmp_cpath, contents, O_CREAT | O_EXCL, true, mode);
   if (result < 0) {
-    fprintf(stderr, "<3>Failed when writing contents to temporary file.\n");
+    print_message("<3>Failed when writing contents to temporary file.\n");
     unlink(tmp_cpath);
     return result;
   }
@@ -369,7 +369,7 @@ int set_file_contents(std::string_view path, std::string_view contents, unsigned
   // and step 1 of the next call removes it.
   result = rename_fsync({tmp_cpath, static_cast<size_t>(tmp_cpath_len)}, path);
   if (result < 0) {
-    fprintf(stderr, "<3>Failed to rename '%s' -> '%s': %s\n", tmp_cpath, cpath, strerror(-result));
+    print_message("<3>Failed to rename '%s' -> '%s': %s\n", tmp_cpath, cpath, strerror(-result));
     return result;
   }
   return 0;
@@ -435,8 +435,7 @@ int rename_fsync(std::string_view oldpath, std::string_view newpath) {
 
   if (rename(c_oldpath, c_newpath) != 0) {
     const int error = errno;
-    fprintf(stderr, "<3>Failed to rename '%s' -> '%s': %s\n", c_oldpath, c_newpath,
-            strerror(error));
+    print_message("<3>Failed to rename '%s' -> '%s': %s\n", c_oldpath, c_newpath, strerror(error));
     return -error;
   }
   const char* const directory = dirname(c_newpath);  // changes c_newpath

@@ -204,7 +204,7 @@ void KeyFileImpl::stripComment(std::string& line) const {
 const std::string* KeyFileImpl::store(const std::string& section, const std::string& key,
                                       const std::string& text) {
   if (const char* const reason = reason_to_refuse(section, key, text)) {
-    fprintf(stderr, "<3>Refused to store in '%s': %s\n", path.c_str(), reason);
+    print_message("<3>Refused to store in '%s': %s\n", path.c_str(), reason);
     return nullptr;
   }
   return sections[section].store(key, text);
@@ -226,7 +226,7 @@ KeyFile::KeyFile(std::string path, unsigned int mode,
     stream.exceptions(std::ios::badbit);  // see to_text
     impl_->parse(stream);
   } catch (const std::exception& error) {
-    fprintf(stderr, "<3>Failed to read keyfile at %s: %s\n", impl_->path.c_str(), error.what());
+    print_message("<3>Failed to read keyfile at %s: %s\n", impl_->path.c_str(), error.what());
     throw;
   }
 }
@@ -249,8 +249,7 @@ void KeyFile::write() {
   if (impl_->callback) impl_->callback(text, Operation::Write);
   const int result = set_file_contents(impl_->path, text, impl_->mode);
   if (result == 0) return;
-  fprintf(stderr, "<3>Failed to save key file to '%s': %s\n", impl_->path.c_str(),
-          strerror(-result));
+  print_message("<3>Failed to save key file to '%s': %s\n", impl_->path.c_str(), strerror(-result));
 }
 
 namespace {
@@ -320,11 +319,10 @@ void report_failed_set(const std::string& section, const std::string& key, const
     std::ostringstream description;
     description.exceptions(std::ios::badbit);
     description << section << "::" << key << "=" << value;
-    fprintf(stderr, "<3>Failed to set %s: %s\n", std::move(description).str().c_str(),
-            error.what());
+    print_message("<3>Failed to set %s: %s\n", std::move(description).str().c_str(), error.what());
   } catch (const std::exception&) {
-    fprintf(stderr, "<3>Failed to set %s::%s=%s: %s\n", section.c_str(), key.c_str(),
-            without_memory(value).c_str(), error.what());
+    print_message("<3>Failed to set %s::%s=%s: %s\n", section.c_str(), key.c_str(),
+                  without_memory(value).c_str(), error.what());
   }
 }
 
@@ -346,7 +344,7 @@ bool KeyFile::getValue(const std::string& section, const std::string& key, T& va
     from_text(*text, value);
     return true;
   } catch (const std::exception& error) {
-    fprintf(stderr, "<3>Failed to get %s::%s : %s\n", section.c_str(), key.c_str(), error.what());
+    print_message("<3>Failed to get %s::%s : %s\n", section.c_str(), key.c_str(), error.what());
     return false;
   }
 }

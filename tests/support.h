@@ -17,6 +17,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdarg>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -182,8 +183,7 @@ inline std::string messages_of(const std::function<void()>& run) {
   std::string messages;
   messages.reserve(size_t{1} << 16);  // allocations may be failing
   const auto append = [](void* to, const char* text, size_t size) {
-    const bool whole = text[size - 1] == '\n' || size > 4000;  // stdio splits a long one
-    static_cast<std::string*>(to)->append(text, size).append(whole ? "" : "[cut]");
+    static_cast<std::string*>(to)->append(text, size).append(text[size - 1] == '\n' ? "" : "[cut]");
     errno = EXFULL;
     return static_cast<ssize_t>(size);
   };
@@ -241,12 +241,20 @@ STAND_IN(unlink, unlink, int, (const char* path), path)
 STAND_IN_2(fcntl, fcntl64, __fcntl_time64, int, (int fd, Command command, Flags flags), fd, command,
            command == F_SETFL ? flags : Flags{})
 STAND_IN_2(ppoll, ppoll, __ppoll64, int,
-           (const pollfd* entries, Entries count, const timespec* time, void* signals), entries,
-           count, time, signals)
-STAND_IN_2(recvmsg, recvmsg, __recvmsg64, ssize_t, (int fd, msghdr* message, int flags), fd,
-           message, flags)
-STAND_IN_2(clock_gettime, clock_gettime, __clock_gettime64, int, (Clock clock, timespec* now),
-           clock, now)
+           (const pollfd* fds, Entries count, const timespec* time, void* set), fds, count, time,
+           set)
+STAND_IN_2(recvmsg, recvmsg, __recvmsg64, ssize_t, (int fd, msghdr* to, int flags), fd, to, flags)
+STAND_IN_2(clock_gettime, clock_gettime, __clock_gettime64, int, (Clock id, timespec* now), id, now)
+
+// While all allocations fail, there is no memory for the text of a message.
+#define WITHOUT_MEMORY(symbol, parameters, ...)                                       \
+  extern "C" int stand_in_##symbol parameters asm(#symbol);                           \
+  extern "C" int stand_in_##symbol parameters {                                       \
+    const auto real = reinterpret_cast<int(*) parameters>(dlsym(RTLD_NEXT, #symbol)); \
+    return state.failed && state.allocations_left > 0 ? -1 : real(__VA_ARGS__);       \
+  }
+WITHOUT_MEMORY(vasprintf, (char** text, const char* format, va_list list), text, format, list)
+WITHOUT_MEMORY(__vasprintf_chk, (char** a, int b, const char* c, va_list d), a, b, c, d)
 
 }  // namespace vutil
 
