@@ -185,20 +185,20 @@ int recvmsg_fd(int fd, struct iovec* iov, int iovcnt, size_t* bytes_received_out
 
 namespace {
 int take_first_descriptor(struct msghdr& message) {
+  // SCM_PIDFD, which older headers lack: on a socket with SO_PASSPIDFD, a descriptor of the sender.
+  constexpr int PIDFD = 4;
   const char* const end = static_cast<char*>(message.msg_control) + message.msg_controllen;
   int result = -1;
   for (auto* header = CMSG_FIRSTHDR(&message); header; header = CMSG_NXTHDR(&message, header)) {
     const char* const begin = reinterpret_cast<char*>(header);
     if (header->cmsg_len > static_cast<size_t>(end - begin)) break;  // the macros let it pass
-    if (header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS) continue;
+    const bool passed = header->cmsg_type == SCM_RIGHTS;
+    if (header->cmsg_level != SOL_SOCKET || !(passed || header->cmsg_type == PIDFD)) continue;
     for (size_t at = CMSG_LEN(0); at + sizeof(int) <= header->cmsg_len; at += sizeof(int)) {
       int fd = -1;
       memcpy(&fd, begin + at, sizeof(fd));
-      if (result < 0) {
-        result = fd;
-      } else {
-        xclose(fd);
-      }
+      if (passed && result < 0) result = std::exchange(fd, -1);
+      xclose(fd);
     }
   }
   return result;

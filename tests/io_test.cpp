@@ -338,6 +338,7 @@ TEST_F(Io, OneDescriptorIsReceivedAndNoneLeaks) {
       {"two messages", {{1, ONE}, {1, ONE}}, " kept closed"},
       {"another level", {{1, ONE, SOL_SOCKET + 1}, {1, ONE}}, " open kept"},
       {"another type", {{1, ONE, SOL_SOCKET, SCM_CREDENTIALS}, {1, ONE}}, " open kept"},
+      {"the sender (SCM_PIDFD)", {{1, ONE, SOL_SOCKET, 4}, {2, TWO}}, " closed kept closed"},
       {"a part of a descriptor", {{2, TWO - 1}}, " kept open"},
       {"shorter than a header", {{1, NONE - 1}, {1, ONE}}, " open open"},
       {"the first too long", {{1, CMSG_LEN(3 * sizeof(int))}}, " open"},
@@ -389,10 +390,11 @@ TEST_F(Io, OneDescriptorIsReceivedAndNoneLeaks) {
   EXPECT_EQ(std::tuple(count_, fd), std::tuple(77u, -1));
 
   // The real thing, with as many descriptors as there is room for on all targets.
-  std::string control = control_message({9, CMSG_LEN(9 * sizeof(int))});
-  const std::tuple<std::string, int, size_t> texts[] = {
-      {"data", 0, 4}, {"datagram", -EMSGSIZE, 4}, {"", -ECANCELED, 77}};
-  for (auto [text, result, count] : texts) {
+  setsockopt(receiver, SOL_SOCKET, 76, &receiver, sizeof(int));  // SO_PASSPIDFD, since Linux 6.5
+  const std::tuple<std::string, int, size_t, size_t> texts[] = {
+      {"data", 0, 4, 9}, {"data", 0, 4, 1}, {"datagram", -EMSGSIZE, 4, 9}, {"", -ECANCELED, 77, 9}};
+  for (auto [text, result, count, passed] : texts) {
+    std::string control = control_message({passed, CMSG_LEN(passed * sizeof(int))});
     iovec iov = {text.data(), text.size()};
     const msghdr message = {nullptr, 0, &iov, 1, control.data(), control.size(), 0};
     EXPECT_EQ(sendmsg(ends[1], &message, 0), text.size());
