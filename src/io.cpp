@@ -3,6 +3,9 @@
 //
 // The line numbers of the checks are part of the diagnostics that field tools match, so each check
 // keeps its line and the functions keep their order; tests/io_test.cpp holds the table.
+#ifndef __LP64__
+#undef _FORTIFY_SOURCE  // whatever the compiler's flags say: see read_deadline
+#endif
 #include "vutil/io.h"
 
 #include <fcntl.h>
@@ -23,8 +26,9 @@
 
 #include "check.h"
 
-// Anything narrower would cut the offsets of large files and the seconds of far deadlines.
+// What would fail without a word: offsets and deadlines that are cut, waits that are none at all.
 static_assert(sizeof(off_t) == 8 && sizeof(time_t) == 8, "build with 64-bit offsets and times");
+static_assert(sizeof(long) == 8 || __USE_FORTIFY_LEVEL == 0, "nothing may be included before this");
 
 namespace vutil {
 
@@ -36,12 +40,9 @@ namespace {
 constexpr size_t PATH_BUFFER_SIZE = 4096;
 
 // Keeps errno as it was at the start of a scope, on every way out of it.
-class ErrnoKeeper {
- public:
-  ~ErrnoKeeper() { errno = saved_; }
-
- private:
-  int saved_ = errno;
+struct ErrnoKeeper {
+  ~ErrnoKeeper() { errno = saved; }
+  const int saved = errno;
 };
 
 // The single owner of a descriptor: closes it on every way out of a scope.
@@ -65,7 +66,6 @@ class Descriptor {
   print_message(format, subject, strerror(error));
   return -error;
 }
-
 }  // namespace
 
 void xclose(int& fd) {
@@ -110,9 +110,9 @@ nanoseconds monotonic_now() {
 // what is readable already is still read. Which events ppoll returned is not examined: after a
 // hang-up or an error the read itself tells best what happened.
 //
-// On 32-bit targets this file is compiled without _FORTIFY_SOURCE (see CMakeLists.txt): glibc 2.36
-// would send ppoll to the entry point for 32-bit times, but with a 64-bit timespec, and every wait
-// of less than a second would become none at all.
+// On 32-bit targets this file undoes fortification, at its top: glibc 2.36 would send ppoll to the
+// entry point for 32-bit times, but with a 64-bit timespec, and every wait of less than a second
+// would become none at all.
 int read_deadline(int fd, void* vbuffer, size_t len, size_t* bytes_read_out, nanoseconds deadline) {
   CHECK_OR_RETURN(fd >= 0, -EBADF);
   CHECK_OR_RETURN(vbuffer != nullptr || len == 0, -EFAULT);
