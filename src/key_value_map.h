@@ -3,10 +3,10 @@
 #define VUTIL_SRC_KEY_VALUE_MAP_H_
 
 #include <algorithm>
-#include <functional>
+#include <cstddef>
+#include <iterator>
 #include <numeric>
 #include <string>
-#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -14,10 +14,7 @@ namespace vutil {
 
 // An array in the byte-wise order of the keys. Beside a tree with a node for each key it needs less
 // memory and far fewer allocations, and is faster to read and to search. A new key moves what
-// stands after it, which costs little beside the save that follows. (C++23 calls this
-// std::flat_map, which may replace it once compilers such as those of Debian 12 have it.)
-//
-// If memory runs out in any of these functions, nothing has changed.
+// stands after it, which costs little beside the save that follows.
 class KeyValueMap {
  public:
   struct Entry {
@@ -26,6 +23,7 @@ class KeyValueMap {
 
   auto begin() const { return entries_.begin(); }
   auto end() const { return entries_.end(); }
+  bool empty() const { return entries_.empty(); }
 
   // The text of a key, or null if it is absent.
   const std::string* find(const std::string& key) const {
@@ -33,7 +31,8 @@ class KeyValueMap {
     return entry != end() && entry->key == key ? &entry->text : nullptr;
   }
 
-  // Stores a text under a key, new or not, and gives its place, which holds until the next change.
+  // Stores a text under a key, new or not, and gives its place, which stays the same until the next
+  // change, also if the map is moved. If memory runs out, nothing has changed.
   const std::string* store(const std::string& key, const std::string& text) {
     const auto entry = std::ranges::lower_bound(entries_, key, {}, &Entry::key);
     if (entry == end() || entry->key != key) return &entries_.insert(entry, {key, text})->text;
@@ -42,35 +41,59 @@ class KeyValueMap {
   }
 
   // Adds an entry after all others, whatever its key. Before any other use, sort() must follow.
-  void append(std::string_view key, std::string_view text) {
-    entries_.push_back({std::string(key), std::string(text)});
+  // Repeated keys go before the array grows: a file takes memory for its keys, not for its lines.
+  void append(Entry entry) {
+    if (entries_.size() == entries_.capacity()) {
+      if (in_order_ < entries_.size() / 4) sort();
+      entries_.reserve(std::max(2 * entries_.size(), std::size_t{8}));
+    }
+    const bool in_order = entries_.empty() || entries_.back().key < entry.key;
+    if (in_order && in_order_ == entries_.size()) ++in_order_;
+    entries_.push_back(std::move(entry));
+  }
+
+  // Replaces the entries by those appended to another map, which is empty afterwards and keeps its
+  // room: through it, the arrays of many maps are filled without growing.
+  void take(KeyValueMap& other) {
+    entries_ = other.sorted();
+    in_order_ = entries_.size();
+    other.entries_.clear();
+    other.in_order_ = 0;
   }
 
   // Puts appended entries in order; of those with the same key the last one stays.
   void sort() {
-    const auto unordered = std::ranges::adjacent_find(entries_, std::greater_equal(), &Entry::key);
-    if (unordered != end()) sort_unordered();
+    if (in_order_ < entries_.size()) entries_ = sorted();
+    in_order_ = entries_.size();
     entries_.shrink_to_fit();
   }
 
  private:
-  // Sorts pointers and then moves each entry once: an entry is too large to be moved at each step.
-  void sort_unordered() {
+  // Moves the entries into an array that has room just for them, in order and without repeated
+  // keys. Pointers are sorted: an entry is too large to be moved at each step.
+  std::vector<Entry> sorted() {
+    if (in_order_ == entries_.size()) {
+      return {std::move_iterator(entries_.begin()), std::move_iterator(entries_.end())};
+    }
     std::vector<Entry*> order(entries_.size());
     std::iota(order.begin(), order.end(), entries_.data());
-    std::sort(order.begin(), order.end(), [](const Entry* a, const Entry* b) {
+    const auto before = [](const Entry* a, const Entry* b) {
       const int comparison = a->key.compare(b->key);
       return comparison != 0 ? comparison < 0 : a > b;  // of equal keys the last one first
-    });
-    std::vector<Entry> sorted;
-    sorted.reserve(entries_.size());
-    for (Entry* const entry : order) {
-      if (sorted.empty() || sorted.back().key != entry->key) sorted.push_back(std::move(*entry));
-    }
-    entries_ = std::move(sorted);
+    };
+    const auto unordered = order.begin() + static_cast<std::ptrdiff_t>(in_order_);
+    std::sort(unordered, order.end(), before);
+    std::inplace_merge(order.begin(), unordered, order.end(), before);
+    const auto repeated = [](const Entry* a, const Entry* b) { return a->key == b->key; };
+    order.erase(std::unique(order.begin(), order.end(), repeated), order.end());
+    std::vector<Entry> result;
+    result.reserve(order.size());
+    for (Entry* const entry : order) result.push_back(std::move(*entry));
+    return result;
   }
 
   std::vector<Entry> entries_;
+  std::size_t in_order_ = 0;  // at least so many entries, from the first, are in order
 };
 
 }  // namespace vutil

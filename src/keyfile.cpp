@@ -16,7 +16,6 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
-#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -31,15 +30,13 @@ using SectionMap = std::map<std::string, KeyValueMap>;
 
 // What a KeyFile owns.
 struct KeyFileImpl {
+  // A content callback that calls an accessor of its own object gets EDEADLK, and does not hang.
+  // (In libstdc++ a std::mutex is glibc's, and begins with a static initialiser as this one is.)
+  KeyFileImpl() { *mutex.native_handle() = PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP; }
+
   // Replaces the document by that of `stream`. Throws std::logic_error at the first malformed line;
   // what stands before that line is then in the document.
   void parse(std::istream& stream);
-
-  // Appends the document of `stream` to this one, each key after the others of its section. Stops
-  // at the first malformed line, and gives what is wrong with it, or an empty text.
-  std::string appendLines(std::istream& stream);
-
-  // Appends the text of the document to `stream`.
   void serialize(std::ostream& stream) const;
 
   // Appends a name or value to `out`, with an escape character in front of each comment marker.
@@ -48,9 +45,8 @@ struct KeyFileImpl {
   // Removes the comment of a line, and the escape characters in front of escaped markers.
   void stripComment(std::string& line) const;
 
-  // Stores a text, unless the format cannot carry it: then nothing changes, a message says why, and
-  // the result is null. It does not quote what was refused: with a line feed in it, a name or value
-  // could forge a message of its own.
+  // Stores a text. If the format cannot carry it, a message says why, and the result is null. The
+  // message quotes no name and no value: one with a line feed could forge a message of its own.
   const std::string* store(const std::string& section, const std::string& key,
                            const std::string& text);
 
@@ -66,8 +62,7 @@ struct KeyFileImpl {
 
 namespace {
 
-// Space, tab, line feed, vertical tab, form feed, carriage return, in any locale. NUL is not among
-// them: it is a character like any other.
+// The same in any locale. NUL is not among them: it is a character like any other.
 bool is_white_space(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 
 std::string_view trimmed(std::string_view text) {
@@ -78,23 +73,7 @@ std::string_view trimmed(std::string_view text) {
 
 void trim(std::string& text) {
   const std::string_view kept = trimmed(text);
-  text.erase(0, static_cast<size_t>(kept.data() - text.data()));
-  text.resize(kept.size());
-}
-
-// Turns a mutex that has never been locked into an error-checking one, so that a content callback
-// that calls an accessor of its own object gets EDEADLK instead of waiting for itself for ever.
-// This rests on libstdc++ with glibc, where a std::mutex is a pthread_mutex_t and nothing else.
-void make_error_checking(std::mutex& mutex) {
-  static_assert(sizeof(std::mutex) == sizeof(pthread_mutex_t));
-  pthread_mutex_t* const handle = mutex.native_handle();
-  pthread_mutexattr_t attributes;
-  int error = pthread_mutexattr_init(&attributes);
-  if (error == 0) error = pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_ERRORCHECK);
-  if (error == 0) error = pthread_mutex_destroy(handle);
-  if (error == 0) error = pthread_mutex_init(handle, &attributes);
-  if (error == 0) error = pthread_mutexattr_destroy(&attributes);
-  if (error != 0) throw std::system_error(error, std::generic_category());
+  if (kept.size() < text.size()) text = kept;
 }
 
 // Why the format cannot carry a text under these names, or null if it can.
@@ -115,39 +94,42 @@ const char* reason_to_refuse(const std::string& section, const std::string& key,
 
 void KeyFileImpl::parse(std::istream& stream) {
   sections.clear();
-  const std::string error = appendLines(stream);
-  for (auto& [name, keys] : sections) keys.sort();
-  if (!error.empty()) throw std::logic_error(error);
-}
-
-std::string KeyFileImpl::appendLines(std::istream& stream) {
-  std::int64_t line_number = 0;
-  const auto error = [&](const std::string& reason) {
-    return "l." + std::to_string(line_number) + ": ini parsing failed, " + reason;
+  KeyValueMap* section = nullptr;
+  KeyValueMap keys;  // of the section, if it had none before
+  const auto end_section = [&] {
+    if (section != nullptr && section->empty()) section->take(keys);
   };
-  KeyValueMap* current = nullptr;
-  std::string line;
-  while (stream.good()) {
-    std::getline(stream, line);
+  std::int64_t line_number = 0;
+  std::string line, reason;
+  while (reason.empty() && std::getline(stream, line)) {
     stripComment(line);
     trim(line);
     ++line_number;
     if (line.empty()) continue;
-    if (line.front() == '[') {
-      const size_t end = line.find(']');
-      if (end == std::string::npos) return error("section not closed");
-      if (end == 1) return error("section is empty");
+    const bool is_header = line.front() == '[';
+    const size_t end = line.find(is_header ? ']' : separator);
+    if (is_header && end == std::string::npos) {
+      reason = "section not closed";
+    } else if (is_header && end == 1) {
+      reason = "section is empty";
+    } else if (is_header) {
+      end_section();
       // The hint makes a file in byte-wise order, as every saved one is, linear to read.
-      current = &sections.try_emplace(sections.end(), line.substr(1, end - 1))->second;
-      continue;
+      section = &sections.try_emplace(sections.end(), line.substr(1, end - 1))->second;
+    } else if (section == nullptr) {
+      reason = "field has no section";
+    } else if (end == std::string::npos) {
+      reason = std::string("no '") + separator + "' found";
+    } else {
+      const std::string_view view = line;
+      const auto key = trimmed(view.substr(0, end)), text = trimmed(view.substr(end + 1));
+      (section->empty() ? keys : *section).append({std::string(key), std::string(text)});
     }
-    if (current == nullptr) return error("field has no section");
-    const size_t end = line.find(separator);
-    if (end == std::string::npos) return error(std::string("no '") + separator + "' found");
-    const std::string_view view = line;
-    current->append(trimmed(view.substr(0, end)), trimmed(view.substr(end + 1)));
   }
-  return "";
+  end_section();
+  for (auto& [name, taken] : sections) taken.sort();
+  if (reason.empty()) return;
+  throw std::logic_error("l." + std::to_string(line_number) + ": ini parsing failed, " + reason);
 }
 
 // Whole sections go to the stream: character by character would take ten times as long.
@@ -186,15 +168,13 @@ void KeyFileImpl::appendEscaped(std::string& out, std::string_view text) const {
 // What was unescaped is collected apart and put in front of the rest at once: to erase the escape
 // characters of a long line one by one would take time by the square of their number.
 void KeyFileImpl::stripComment(std::string& line) const {
-  std::string unescaped;
   for (const std::string& marker : commentMarkers) {
-    unescaped.clear();
-    size_t done = 0;
-    size_t at = line.find(marker);
-    while (at != std::string::npos && at > 0 && line[at - 1] == escape) {
+    std::string unescaped;
+    size_t at = 0, done = 0;
+    while ((at = line.find(marker, done)) != std::string::npos && at > 0 &&
+           line[at - 1] == escape) {
       unescaped.append(line, done, at - 1 - done) += marker;
       done = at + marker.size();
-      at = line.find(marker, done);
     }
     if (at != std::string::npos) line.resize(at);
     if (done > 0) line.replace(0, done, unescaped);
@@ -207,7 +187,12 @@ const std::string* KeyFileImpl::store(const std::string& section, const std::str
     print_message("<3>Refused to store in '%s': %s\n", path.c_str(), reason);
     return nullptr;
   }
-  return sections[section].store(key, text);
+  const auto found = sections.find(section);
+  if (found != sections.end()) return found->second.store(key, text);
+  KeyValueMap keys;
+  const std::string* const stored = keys.store(key, text);  // it stays where it is
+  sections.emplace(section, std::move(keys));
+  return stored;
 }
 
 KeyFile::KeyFile(std::string path, unsigned int mode,
@@ -216,7 +201,6 @@ KeyFile::KeyFile(std::string path, unsigned int mode,
   impl_->path = std::move(path);
   impl_->mode = mode;
   impl_->callback = std::move(callback);
-  make_error_checking(impl_->mutex);
 
   std::string contents;
   if (get_file_contents(impl_->path, contents) != 0) return;
@@ -254,8 +238,6 @@ void KeyFile::write() {
 
 namespace {
 
-// The text forms of the value types, and their readings.
-
 const std::string& to_text(const std::string& value) { return value; }
 std::string to_text(bool value) { return value ? "true" : "false"; }
 
@@ -270,6 +252,7 @@ std::string to_text(Number value) {
 }
 
 void from_text(const std::string& text, std::string& value) { value = text; }
+void from_text(const std::string& text, double& value) { value = std::stod(text); }
 
 bool parseInteger(const std::string& text, int& value) {
   const bool hexadecimal = text.size() >= 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
@@ -285,8 +268,6 @@ bool parseInteger(const std::string& text, int& value) {
 void from_text(const std::string& text, int& value) {
   if (!parseInteger(text, value)) throw std::invalid_argument("field is not an int");
 }
-
-void from_text(const std::string& text, double& value) { value = std::stod(text); }
 
 bool parseBoolean(const std::string& text, bool& value) {
   const auto is = [&](std::string_view word) {

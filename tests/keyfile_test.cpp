@@ -1,5 +1,6 @@
 #include <cmath>
 #include <locale>
+#include <map>
 #include <memory>
 #include <stdexcept>
 #include <thread>
@@ -70,7 +71,7 @@ TEST_F(KeyFiles, TextIsReadAndWrittenInOrderOrReportedWithItsLine) {
       {"  [a] trailing words\r\n\tk =\f v\v \r\n", "[a]\nk=v\n"},
       {"[ ]\n[ a ]\n[a=b[c]]\n", "[ ]\n[ a ]\n[a=b[c]\n"},
       {"[a]\nk = a = b\n=v\nj=\nkk=\x0e\x08", "[a]\n=v\nj=\nk=a = b\nkk=\x0e\x08\n"},
-      {"[a]\nk=v # note\nl=v ; note\nm=#\n#n=1\n", "[a]\nk=v\nl=v\nm=\n"},
+      {"[a]\nk=u\nk=v # note\nl=v ; note\nm=#\n#n=1\n", "[a]\nk=v\nl=v\nm=\n"},
       {"[a\\#1]\nk=v \\# \\#n\\;e ; note\n\\;j=\\\\#\n", "[a\\#1]\n\\;j=\\\\#\nk=v \\# \\#n\\;e\n"},
       {"[a]\nk=\\\\ \\n\nj=\\##cut\nl=\\#;cut\\#\n", "[a]\nj=\\#\nk=\\\\ \\n\nl=\\#\n"},
       {std::string("[a\0b]\n\0=\0\n", 10), std::string("[a\0b]\n\0=\0\n", 10)},
@@ -87,6 +88,24 @@ TEST_F(KeyFiles, TextIsReadAndWrittenInOrderOrReportedWithItsLine) {
     EXPECT_EQ(text_of("file"), text);
     EXPECT_TRUE(document[0] == '<' || document_of(document) == document) << document;
   }
+}
+
+// Memory goes with the keys, not with the lines, in whatever order both come.
+TEST_F(KeyFiles, RepeatedKeysGoWhileTheFileIsRead) {
+  std::map<std::string, std::map<std::string, std::string>> sections;
+  std::string text, name, expected;
+  for (int i = 0; i < 9'999; ++i) {
+    if (i % 700 == 0) text += "[" + (name = std::to_string(i % 3)) + "]\n";
+    const std::string key = std::to_string(i * i % 499);
+    text += key + "=" + (sections[name][key] = std::to_string(i)) + "\n";
+  }
+  for (const auto& [section, keys] : sections) {
+    expected += "[" + section + "]\n";
+    for (const auto& [key, value] : keys) expected += key + "=" + value + "\n";
+  }
+  state.largest = 0;
+  EXPECT_EQ(document_of(text), expected);
+  EXPECT_LE(state.largest, 2 * text.size());
 }
 
 // Reads texts through `get`: those that give a value, and those that it refuses for a reason.
@@ -287,7 +306,8 @@ TEST_F(KeyFiles, EveryAllocationMayFail) {
         EXPECT_TRUE(messages == (done ? "" : message) || (thrown && messages.empty())) << messages;
         EXPECT_TRUE(!thrown || may_throw);
         EXPECT_TRUE(text_of("file") == OLD || text_of("file") == file.toString());
-        // A key appears with its text or not at all: asked again, it gives the default.
+        // A key appears with its section and its text or not at all: it then gives the default.
+        EXPECT_FALSE(file.toString().starts_with("[a]\n[")) << "a section without its key";
         EXPECT_TRUE(succeeds(file));
         file.write();
         EXPECT_EQ(KeyFile("file", 0600).toString(), file.toString());

@@ -86,6 +86,7 @@ inline thread_local struct {
   nanoseconds now{};
   int allocations_left = 0;  // until one fails
   bool all_fail = false, failed = false;
+  size_t largest = 0;  // of all allocations
 } state;
 
 // Arguments whose numbers have names.
@@ -165,6 +166,7 @@ inline std::vector<iovec> shortened(const iovec* iov, int count) {
 }
 
 inline void* allocate(size_t size) {
+  state.largest = std::max(state.largest, size);
   const bool fails = state.allocations_left > 0 && --state.allocations_left == 0;
   if (fails && state.all_fail) state.allocations_left = 1;
   state.failed |= fails;
