@@ -263,7 +263,7 @@ TEST_F(KeyFiles, MovesHandOverTheDocumentAndLeaveASafeObject) {
   auto owned = std::make_shared<int>();
   KeyFile first("first", 0600, [owned](std::string&, KeyFile::Operation) {});
   KeyFile second("second", 0600);
-  first = std::move(static_cast<KeyFile&>(first));
+  first = std::move(std::ref(first).get());
   EXPECT_TRUE(first.setInteger("a", "k", 1));
   first = std::move(second);
   EXPECT_TRUE(first.setInteger("b", "k", 3));

@@ -115,7 +115,7 @@ inline std::string shown(Flags flags) {
   for (const auto& [flag, name] : {NAMED(O_WRONLY), NAMED(O_CREAT), NAMED(O_EXCL), NAMED(O_APPEND),
                                    NAMED(O_NONBLOCK), NAMED(O_CLOEXEC)}) {
     if ((flags & flag) != 0) names += name;
-    flags = Flags(flags & ~flag);
+    flags = Flags(flags & ~flag & ~__O_LARGEFILE);  // which emulators show
   }
   return flags == 0 ? names : names + shown(int{flags});
 }
