@@ -79,7 +79,7 @@ struct KeyFileImpl;
 /// the object's lock while it runs, its save included, so a slow save delays the others. toString()
 /// and write() take no lock: they must not run while another thread may use the object. The same
 /// goes for moving and destroying. At most one save at a time may run for one path, in all objects
-/// and processes.
+/// and processes. Do not cancel a thread (pthread_cancel(3)) that may be in one of these functions.
 ///
 /// **Locale.** Numbers are written as the global C++ locale has them, and real numbers are read by
 /// LC_NUMERIC. With other than the classic locale a program may write numbers that others, and its
