@@ -30,9 +30,8 @@ class Io : public InDirectory {
                       std::to_string(calls.size()) + " calls" + left_() + "\n" + messages;
       }
       const std::string text = strerror(error);
-      for (size_t at = 0; (at = transcript.find(text, at)) != std::string::npos;) {
+      for (size_t at = 0; (at = transcript.find(text, at)) != std::string::npos;)
         transcript.replace(at, text.size(), "ERROR");
-      }
       EXPECT_EQ(transcript, expected) << text;
     }
   }

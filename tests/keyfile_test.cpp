@@ -11,9 +11,8 @@
 namespace vutil {
 namespace {
 
-const std::string NAME(30, 'n');  // long enough to be allocated
-const std::string VALUE(30, 'v');
-const std::string OLD = "[b]\nold=" + VALUE + "\n";
+// Long enough to be allocated.
+const std::string NAME(30, 'n'), VALUE(30, 'v'), OLD = "[b]\nold=" + VALUE + "\n";
 
 class KeyFiles : public InDirectory {
  protected:
@@ -90,7 +89,6 @@ TEST_F(KeyFiles, TextIsReadAndWrittenInOrderOrReportedWithItsLine) {
   }
 }
 
-// Memory goes with the keys, not with the lines, in whatever order both come.
 TEST_F(KeyFiles, RepeatedKeysGoWhileTheFileIsRead) {
   std::map<std::string, std::map<std::string, std::string>> sections;
   std::string text, name, expected;

@@ -17,6 +17,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <concepts>
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
@@ -99,7 +100,7 @@ enum Entries : nfds_t {};
 
 // How an argument is noted. Pointers to data are left out.
 inline std::string shown(const char* path) { return std::string(" ") + path; }
-inline std::string shown(long long number) { return (std::ostringstream() << " " << number).str(); }
+inline std::string shown(std::integral auto number) { return " " + std::to_string(number); }
 inline std::string shown(const void*) { return ""; }
 inline std::string shown(Mode mode) {
   return (std::ostringstream() << std::oct << std::showbase << " " << unsigned{mode}).str();
@@ -179,8 +180,7 @@ inline std::string text_of(const std::string& path) {
   return (std::ostringstream() << std::ifstream(path).rdbuf()).str();
 }
 
-// What `run` makes the library write to standard error. Each print changes errno, and one that is
-// not a whole line is marked.
+// What `run` writes to standard error. Each print changes errno; one of part of a line is marked.
 inline std::string messages_of(const std::function<void()>& run) {
   std::string messages;
   messages.reserve(size_t{1} << 16);  // allocations may be failing
@@ -243,10 +243,13 @@ STAND_IN(unlink, unlink, int, (const char* path), path)
 STAND_IN_2(fcntl, fcntl64, __fcntl_time64, int, (int fd, Command command, Flags flags), fd, command,
            command == F_SETFL ? flags : Flags{})
 STAND_IN_2(ppoll, ppoll, __ppoll64, int,
-           (const pollfd* fds, Entries count, const timespec* time, void* set), fds, count, time,
-           set)
+           (const pollfd* fds, Entries n, const timespec* t, void* set), fds, n, t, set)
 STAND_IN_2(recvmsg, recvmsg, __recvmsg64, ssize_t, (int fd, msghdr* to, int flags), fd, to, flags)
 STAND_IN_2(clock_gettime, clock_gettime, __clock_gettime64, int, (Clock id, timespec* now), id, now)
+// clang fortifies these.
+STAND_IN(open, __open64_2, int, (const char* path, Flags flags), path, flags, Mode{})
+STAND_IN(ppoll, __ppoll_chk, int,
+         (const pollfd* fds, Entries n, const timespec* t, void* a, void* b), fds, n, t, a, b)
 
 // While all allocations fail, there is no memory for the text of a message.
 #define WITHOUT_MEMORY(symbol, parameters, ...)                                       \
