@@ -1,5 +1,5 @@
-// Messages on standard error, and argument checks that fail softly: a service on an unattended
-// device is better served by an error result and a message in its journal than by an abort.
+// Messages on standard error, and argument checks that fail softly: a service is better served by
+// an error result and a message in its journal than by an abort.
 #ifndef VUTIL_SRC_CHECK_H_
 #define VUTIL_SRC_CHECK_H_
 
@@ -9,9 +9,8 @@
 
 namespace vutil {
 
-// Prints a message in one write, so that it is one record in /dev/kmsg, and no other process's text
-// gets into it. Since glibc 2.37, printf would write it to standard error in pieces of 128 bytes.
-// If there is no memory for the whole text, it comes in pieces all the same.
+// Prints a message in one write: other processes write between two. By itself, printf writes to
+// standard error in pieces of 128 bytes since glibc 2.37, as this does if there is no memory.
 [[gnu::format(printf, 1, 2)]] inline void print_message(const char* format, ...) {
   char* text = nullptr;
   std::va_list arguments, again;
@@ -42,7 +41,7 @@ namespace vutil {
 
 // Unless `condition` holds, prints for example
 //   <2>src/io.cpp:120: read_deadline: Assertion `deadline >= 0ns' failed.
-// and returns `result`, or nothing, from the enclosing function. Stands on one line of the source.
+// and returns `result`, or nothing, from the enclosing function. It must stand on one line.
 #define CHECK_OR_RETURN(condition, result) VUTIL_CHECK(condition, #condition, result)
 #define CHECK_OR_RETURN_VOID(condition) VUTIL_CHECK(condition, #condition, )
 

@@ -28,7 +28,7 @@
 
 // What would fail without a word: offsets and deadlines that are cut, waits that are none at all.
 static_assert(sizeof(off_t) == 8 && sizeof(time_t) == 8, "build with 64-bit offsets and times");
-static_assert(sizeof(long) == 8 || __USE_FORTIFY_LEVEL == 0, "nothing may be included before this");
+static_assert(sizeof(long) == 8 || __USE_FORTIFY_LEVEL == 0, "include no header before this file");
 
 namespace vutil {
 

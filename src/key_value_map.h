@@ -3,10 +3,10 @@
 #define VUTIL_SRC_KEY_VALUE_MAP_H_
 
 #include <algorithm>
-#include <cstddef>
 #include <iterator>
 #include <numeric>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -40,60 +40,64 @@ class KeyValueMap {
     return &entry->text;
   }
 
-  // Adds an entry after all others, whatever its key. Before any other use, sort() must follow.
-  // Repeated keys go before the array grows: a file takes memory for its keys, not for its lines.
-  void append(Entry entry) {
+  // Adds a key after all others, whatever it is. Before find() or store(), sort() must follow. When
+  // the array is full, repeated keys go if they are many: memory goes by keys, and not by lines.
+  void append(std::string_view key, std::string_view text) {
     if (entries_.size() == entries_.capacity()) {
-      if (in_order_ < entries_.size() / 4) sort();
-      entries_.reserve(std::max(2 * entries_.size(), std::size_t{8}));
+      if (!in_order_ && looked_at_ < entries_.size() / 16) {
+        if (order().size() < entries_.size() / 2) sort();
+        looked_at_ = entries_.size();
+      }
+      entries_.reserve(std::max(2 * entries_.size(), size_t{8}));
     }
-    const bool in_order = entries_.empty() || entries_.back().key < entry.key;
-    if (in_order && in_order_ == entries_.size()) ++in_order_;
-    entries_.push_back(std::move(entry));
+    in_order_ = in_order_ && (entries_.empty() || entries_.back().key < key);
+    Entry& entry = entries_.emplace_back();
+    entry.key = key;
+    entry.text = text;
   }
 
-  // Replaces the entries by those appended to another map, which is empty afterwards and keeps its
-  // room: through it, the arrays of many maps are filled without growing.
+  // Replaces the entries by those appended to another map, sorted. The other map is empty then, but
+  // keeps its room, so that the arrays of many maps can be filled without growing.
   void take(KeyValueMap& other) {
     entries_ = other.sorted();
-    in_order_ = entries_.size();
     other.entries_.clear();
-    other.in_order_ = 0;
+    other.in_order_ = true;
   }
 
   // Puts appended entries in order; of those with the same key the last one stays.
   void sort() {
-    if (in_order_ < entries_.size()) entries_ = sorted();
-    in_order_ = entries_.size();
+    if (!in_order_) entries_ = sorted();
+    in_order_ = true;
     entries_.shrink_to_fit();
   }
 
  private:
-  // Moves the entries into an array that has room just for them, in order and without repeated
-  // keys. Pointers are sorted: an entry is too large to be moved at each step.
-  std::vector<Entry> sorted() {
-    if (in_order_ == entries_.size()) {
-      return {std::move_iterator(entries_.begin()), std::move_iterator(entries_.end())};
-    }
-    std::vector<Entry*> order(entries_.size());
-    std::iota(order.begin(), order.end(), entries_.data());
-    const auto before = [](const Entry* a, const Entry* b) {
+  // The entries in order, without repeated keys: they are too large to be moved at each step.
+  std::vector<Entry*> order() {
+    std::vector<Entry*> result(entries_.size());
+    std::iota(result.begin(), result.end(), entries_.data());
+    std::sort(result.begin(), result.end(), [](const Entry* a, const Entry* b) {
       const int comparison = a->key.compare(b->key);
       return comparison != 0 ? comparison < 0 : a > b;  // of equal keys the last one first
-    };
-    const auto unordered = order.begin() + static_cast<std::ptrdiff_t>(in_order_);
-    std::sort(unordered, order.end(), before);
-    std::inplace_merge(order.begin(), unordered, order.end(), before);
+    });
     const auto repeated = [](const Entry* a, const Entry* b) { return a->key == b->key; };
-    order.erase(std::unique(order.begin(), order.end(), repeated), order.end());
+    result.erase(std::unique(result.begin(), result.end(), repeated), result.end());
+    return result;
+  }
+
+  std::vector<Entry> sorted() {
+    if (in_order_) {
+      return {std::move_iterator(entries_.begin()), std::move_iterator(entries_.end())};
+    }
     std::vector<Entry> result;
-    result.reserve(order.size());
-    for (Entry* const entry : order) result.push_back(std::move(*entry));
+    result.reserve(entries_.size());
+    for (Entry* const entry : order()) result.push_back(std::move(*entry));
     return result;
   }
 
   std::vector<Entry> entries_;
-  std::size_t in_order_ = 0;  // at least so many entries, from the first, are in order
+  bool in_order_ = true;  // each appended key is greater than the one before
+  size_t looked_at_ = 0;  // how many entries stayed at the last look for repeated keys
 };
 
 }  // namespace vutil

@@ -31,7 +31,7 @@ using SectionMap = std::map<std::string, KeyValueMap>;
 // What a KeyFile owns.
 struct KeyFileImpl {
   // A content callback that calls an accessor of its own object gets EDEADLK, and does not hang.
-  // (In libstdc++ a std::mutex is glibc's, and begins with a static initialiser as this one is.)
+  // (In libstdc++ a std::mutex is glibc's, and by itself begins with such an initialiser, too.)
   KeyFileImpl() { *mutex.native_handle() = PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP; }
 
   // Replaces the document by that of `stream`. Throws std::logic_error at the first malformed line;
@@ -96,9 +96,6 @@ void KeyFileImpl::parse(std::istream& stream) {
   sections.clear();
   KeyValueMap* section = nullptr;
   KeyValueMap keys;  // of the section, if it had none before
-  const auto end_section = [&] {
-    if (section != nullptr && section->empty()) section->take(keys);
-  };
   std::int64_t line_number = 0;
   std::string line, reason;
   while (reason.empty() && std::getline(stream, line)) {
@@ -113,7 +110,7 @@ void KeyFileImpl::parse(std::istream& stream) {
     } else if (is_header && end == 1) {
       reason = "section is empty";
     } else if (is_header) {
-      end_section();
+      if (section != nullptr && section->empty()) section->take(keys);
       // The hint makes a file in byte-wise order, as every saved one is, linear to read.
       section = &sections.try_emplace(sections.end(), line.substr(1, end - 1))->second;
     } else if (section == nullptr) {
@@ -122,11 +119,11 @@ void KeyFileImpl::parse(std::istream& stream) {
       reason = std::string("no '") + separator + "' found";
     } else {
       const std::string_view view = line;
-      const auto key = trimmed(view.substr(0, end)), text = trimmed(view.substr(end + 1));
-      (section->empty() ? keys : *section).append({std::string(key), std::string(text)});
+      KeyValueMap& target = section->empty() ? keys : *section;
+      target.append(trimmed(view.substr(0, end)), trimmed(view.substr(end + 1)));
     }
   }
-  end_section();
+  if (section != nullptr && section->empty()) section->take(keys);
   for (auto& [name, taken] : sections) taken.sort();
   if (reason.empty()) return;
   throw std::logic_error("l." + std::to_string(line_number) + ": ini parsing failed, " + reason);

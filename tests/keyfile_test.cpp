@@ -94,7 +94,7 @@ TEST_F(KeyFiles, RepeatedKeysGoWhileTheFileIsRead) {
   std::string text, name, expected;
   for (int i = 0; i < 9'999; ++i) {
     if (i % 700 == 0) text += "[" + (name = std::to_string(i % 3)) + "]\n";
-    const std::string key = std::to_string(i * i % 499);
+    const std::string key = std::to_string(i * i % 97);
     text += key + "=" + (sections[name][key] = std::to_string(i)) + "\n";
   }
   for (const auto& [section, keys] : sections) {
