@@ -3,6 +3,9 @@
 #
 #   cmake -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain.cmake -DTRIPLET=arm-linux-gnueabihf ...
 set(CMAKE_TRY_COMPILE_PLATFORM_VARIABLES TRIPLET)
+if(NOT TRIPLET)
+  message(FATAL_ERROR "Set TRIPLET, for example with -DTRIPLET=arm-linux-gnueabihf")
+endif()
 set(CMAKE_CXX_COMPILER ${TRIPLET}-g++)
 set(CMAKE_SYSTEM_NAME Linux)
 string(REGEX REPLACE "-.*" "" CMAKE_SYSTEM_PROCESSOR ${TRIPLET})
