@@ -6,7 +6,7 @@
 ///   `-ENOENT` (errno(3)). Byte counts are delivered through `size_t*` parameters.
 /// - **Checks.** A function first checks its arguments. A failed check touches nothing, writes a
 ///   `<2>` message and gives the result that is marked "(check)" below. It never stops the process.
-/// - **Messages.** A message is one line on standard error, written at once, that begins with a
+/// - **Messages.** A message is one line on standard error, in one write(2), that begins with a
 ///   priority (sd-daemon(3)): `<2>` a check failed, `<3>` the operation failed, `<4>` it succeeded
 ///   with a reservation. Where no `<3>` or `<4>` message is mentioned, none is written. Paths are
 ///   printed as they are, line feeds included. A program that takes paths from others must check
@@ -143,7 +143,7 @@ VUTIL_EXPORT void xclose(int& fd);
 /// Further descriptors that come with the data are closed, and all of them on failure: a peer
 /// cannot make the caller leak one. The descriptor of the sender itself, which a socket with
 /// SO_PASSPIDFD adds, is closed too. (There is room for ten on 32-bit ARM, for nine on x86-64, and
-/// for fewer on a socket with SO_PASSCRED or SO_PASSPIDFD; the kernel drops the rest.)
+/// for fewer on a socket with SO_PASSCRED; the kernel drops the rest.)
 ///
 /// @param fd  a local (AF_UNIX) socket.
 /// @param iov  buffers for the data, with room for at least one byte in all. Must be null if
@@ -203,8 +203,8 @@ VUTIL_EXPORT void xclose(int& fd);
 ///   after a failed check. Must not be null.
 /// @param deadline  a point in time, in nanoseconds on CLOCK_MONOTONIC (clock_gettime(2)), the
 ///   clock of libstdc++'s `std::chrono::steady_clock`. Must not be negative.
-///   `std::chrono::nanoseconds::max()` waits for ever. (A 32-bit kernel before Linux 5.1 refuses to
-///   wait for 68 years or more: -EOVERFLOW.)
+///   `std::chrono::nanoseconds::max()` waits for ever. (For a 32-bit program, a kernel before
+///   Linux 5.1 refuses to wait for 68 years or more: -EOVERFLOW.)
 /// @retval 0  all `len` bytes were read.
 /// @retval -ETIMEDOUT  the deadline passed first. The writing end of a pipe, which is never
 ///   readable, gives this too.
