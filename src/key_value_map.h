@@ -40,8 +40,8 @@ class KeyValueMap {
     return &entry->text;
   }
 
-  // Adds a key after all others, whatever it is. Before find() or store(), sort() must follow. When
-  // the array is full, repeated keys go if they are many: memory goes by keys, and not by lines.
+  // Adds a key after all others, whatever it is. Before find() or store(), sort() must follow. Now
+  // and then, repeated keys go if they are most: memory grows with the keys, not with the lines.
   void append(std::string_view key, std::string_view text) {
     if (entries_.size() == entries_.capacity()) {
       if (!in_order_ && looked_at_ < entries_.size() / 16) {
@@ -72,7 +72,7 @@ class KeyValueMap {
   }
 
  private:
-  // The entries in order, without repeated keys: they are too large to be moved at each step.
+  // Pointers, in order and without repeated keys: entries are too large to be moved at each step.
   std::vector<Entry*> order() {
     std::vector<Entry*> result(entries_.size());
     std::iota(result.begin(), result.end(), entries_.data());
