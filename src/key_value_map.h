@@ -51,9 +51,7 @@ class KeyValueMap {
       entries_.reserve(std::max(2 * entries_.size(), size_t{8}));
     }
     in_order_ = in_order_ && (entries_.empty() || entries_.back().key < key);
-    Entry& entry = entries_.emplace_back();
-    entry.key = key;
-    entry.text = text;
+    entries_.push_back({std::string(key), std::string(text)});
   }
 
   // Replaces the entries by those appended to another map, sorted. The other map is empty then, but
