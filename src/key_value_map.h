@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <iterator>
-#include <numeric>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -12,37 +11,40 @@
 
 namespace vutil {
 
-// An array in the byte-wise order of the keys. Beside a tree with a node for each key it needs less
-// memory and far fewer allocations, and is faster to read and to search. A new key moves what
-// stands after it, which costs little beside the save that follows.
+// An array in the byte-wise order of the keys: less memory and far fewer allocations than a tree,
+// and faster to read and to search. That a new key moves others costs little beside its save.
 class KeyValueMap {
  public:
+  // One string for both takes less memory and time than two, and is what a save writes.
   struct Entry {
-    std::string key, text;
+    std::string_view key() const { return {line.data(), key_size}; }
+    std::string_view text() const { return std::string_view(line).substr(key_size + 1); }
+    std::string line;  // the key, a separator, the text
+    size_t key_size;
   };
 
   auto begin() const { return entries_.begin(); }
   auto end() const { return entries_.end(); }
   bool empty() const { return entries_.empty(); }
 
-  // The text of a key, or null if it is absent.
-  const std::string* find(const std::string& key) const {
+  // The entry of a key, or null if it is absent.
+  const Entry* find(std::string_view key) const {
     const auto entry = std::ranges::lower_bound(entries_, key, {}, &Entry::key);
-    return entry != end() && entry->key == key ? &entry->text : nullptr;
+    return entry != end() && entry->key() == key ? &*entry : nullptr;
   }
 
-  // Stores a text under a key, new or not, and gives its place, which stays the same until the next
-  // change, also if the map is moved. If memory runs out, nothing has changed.
-  const std::string* store(const std::string& key, const std::string& text) {
-    const auto entry = std::ranges::lower_bound(entries_, key, {}, &Entry::key);
-    if (entry == end() || entry->key != key) return &entries_.insert(entry, {key, text})->text;
-    entry->text = text;
-    return &entry->text;
+  // Stores a line, in place of that with the same key, and gives its entry, which stays where it is
+  // until the next change, also if the map is moved. If memory runs out, nothing has changed.
+  const Entry* store(std::string_view line, size_t key_size) {
+    Entry added = {std::string(line), key_size};
+    const auto at = std::ranges::lower_bound(entries_, added.key(), {}, &Entry::key);
+    if (at == end() || at->key() != added.key()) return &*entries_.insert(at, std::move(added));
+    return &(*at = std::move(added));
   }
 
-  // Adds a key after all others, whatever it is. Before find() or store(), sort() must follow. Now
+  // Adds a line after all others, whatever its key. Before find() or store(), sort() must follow. Now
   // and then, repeated keys go if they are most: memory grows with the keys, not with the lines.
-  void append(std::string_view key, std::string_view text) {
+  void append(std::string_view line, size_t key_size) {
     if (entries_.size() == entries_.capacity()) {
       if (!in_order_ && looked_at_ < entries_.size() / 16) {
         if (order().size() < entries_.size() / 2) sort();
@@ -50,8 +52,8 @@ class KeyValueMap {
       }
       entries_.reserve(std::max(2 * entries_.size(), size_t{8}));
     }
-    in_order_ = in_order_ && (entries_.empty() || entries_.back().key < key);
-    entries_.push_back({std::string(key), std::string(text)});
+    in_order_ = in_order_ && (entries_.empty() || entries_.back().key() < line.substr(0, key_size));
+    entries_.push_back({std::string(line), key_size});
   }
 
   // Replaces the entries by those appended to another map, sorted. The other map is empty then, but
@@ -73,12 +75,12 @@ class KeyValueMap {
   // Pointers, in order and without repeated keys: entries are too large to be moved at each step.
   std::vector<Entry*> order() {
     std::vector<Entry*> result(entries_.size());
-    std::iota(result.begin(), result.end(), entries_.data());
+    std::ranges::transform(entries_, result.begin(), [](Entry& entry) { return &entry; });
     std::sort(result.begin(), result.end(), [](const Entry* a, const Entry* b) {
-      const int comparison = a->key.compare(b->key);
+      const int comparison = a->key().compare(b->key());
       return comparison != 0 ? comparison < 0 : a > b;  // of equal keys the last one first
     });
-    const auto repeated = [](const Entry* a, const Entry* b) { return a->key == b->key; };
+    const auto repeated = [](const Entry* a, const Entry* b) { return a->key() == b->key(); };
     result.erase(std::unique(result.begin(), result.end(), repeated), result.end());
     return result;
   }

@@ -39,7 +39,7 @@ struct KeyFileImpl {
   void parse(std::istream& stream);
   void serialize(std::ostream& stream) const;
 
-  // Appends a name or value to `out`, with an escape character in front of each comment marker.
+  // Appends a name or line to `out`, with an escape character in front of each comment marker.
   void appendEscaped(std::string& out, std::string_view text) const;
 
   // Removes the comment of a line, and the escape characters in front of escaped markers.
@@ -47,8 +47,8 @@ struct KeyFileImpl {
 
   // Stores a text. If the format cannot carry it, a message says why, and the result is null. The
   // message quotes no name and no value: one with a line feed could forge a message of its own.
-  const std::string* store(const std::string& section, const std::string& key,
-                           const std::string& text);
+  const KeyValueMap::Entry* store(const std::string& section, const std::string& key,
+                                  const std::string& text);
 
   SectionMap sections;
   char separator = '=';
@@ -98,7 +98,7 @@ void KeyFileImpl::parse(std::istream& stream) {
   KeyValueMap keys;  // of the section, if it had none before
   std::int64_t line_number = 0;
   std::string line, reason;
-  while (reason.empty() && std::getline(stream, line)) {
+  while (reason.empty() && std::getline(stream, line, '\n')) {
     stripComment(line);
     trim(line);
     ++line_number;
@@ -118,9 +118,10 @@ void KeyFileImpl::parse(std::istream& stream) {
     } else if (end == std::string::npos) {
       reason = std::string("no '") + separator + "' found";
     } else {
-      const std::string_view view = line;
-      KeyValueMap& target = section->empty() ? keys : *section;
-      target.append(trimmed(view.substr(0, end)), trimmed(view.substr(end + 1)));
+      const size_t key_size = trimmed({line.data(), end}).size();
+      const size_t text_at = line.size() - trimmed(std::string_view(line).substr(end + 1)).size();
+      if (text_at > key_size + 1) line.replace(key_size, text_at - key_size, 1, separator);
+      (section->empty() ? keys : *section).append(line, key_size);
     }
   }
   if (section != nullptr && section->empty()) section->take(keys);
@@ -136,10 +137,8 @@ void KeyFileImpl::serialize(std::ostream& stream) const {
     text = '[';
     appendEscaped(text, section);
     text += "]\n";
-    for (const auto& [key, value] : keys) {
-      appendEscaped(text, key);
-      text += separator;
-      appendEscaped(text, value);
+    for (const KeyValueMap::Entry& entry : keys) {
+      appendEscaped(text, entry.line);
       text += '\n';
     }
     stream.write(text.data(), static_cast<std::streamsize>(text.size()));
@@ -178,16 +177,17 @@ void KeyFileImpl::stripComment(std::string& line) const {
   }
 }
 
-const std::string* KeyFileImpl::store(const std::string& section, const std::string& key,
-                                      const std::string& text) {
+const KeyValueMap::Entry* KeyFileImpl::store(const std::string& section, const std::string& key,
+                                             const std::string& text) {
   if (const char* const reason = reason_to_refuse(section, key, text)) {
     print_message("<3>Refused to store in '%s': %s\n", path.c_str(), reason);
     return nullptr;
   }
+  const std::string line = key + separator + text;
   const auto found = sections.find(section);
-  if (found != sections.end()) return found->second.store(key, text);
+  if (found != sections.end()) return found->second.store(line, key.size());
   KeyValueMap keys;
-  const std::string* const stored = keys.store(key, text);  // it stays where it is
+  const auto* const stored = keys.store(line, key.size());  // it stays where it is
   sections.emplace(section, std::move(keys));
   return stored;
 }
@@ -248,25 +248,25 @@ std::string to_text(Number value) {
   return std::move(stream).str();
 }
 
-void from_text(const std::string& text, std::string& value) { value = text; }
-void from_text(const std::string& text, double& value) { value = std::stod(text); }
+void from_text(std::string_view text, std::string& value) { value = text; }
+void from_text(std::string_view text, double& value) { value = std::stod(std::string(text)); }
 
-bool parseInteger(const std::string& text, int& value) {
-  const bool hexadecimal = text.size() >= 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
-  const char* const begin = text.c_str() + (hexadecimal ? 2 : 0);
+bool parseInteger(std::string_view text, int& value) {
+  const bool hexadecimal = text.starts_with("0x") || text.starts_with("0X");
+  if (hexadecimal) text.remove_prefix(2);
+  const char* const last = text.data() + text.size();
   int number = 0;
-  const auto [end, error] =
-      std::from_chars(begin, text.c_str() + text.size(), number, hexadecimal ? 16 : 10);
-  if (error != std::errc() || *end != '\0') return false;
+  const auto [end, error] = std::from_chars(text.data(), last, number, hexadecimal ? 16 : 10);
+  if (error != std::errc() || (end != last && *end != '\0')) return false;
   value = number;
   return true;
 }
 
-void from_text(const std::string& text, int& value) {
+void from_text(std::string_view text, int& value) {
   if (!parseInteger(text, value)) throw std::invalid_argument("field is not an int");
 }
 
-bool parseBoolean(const std::string& text, bool& value) {
+bool parseBoolean(std::string_view text, bool& value) {
   const auto is = [&](std::string_view word) {
     return std::ranges::equal(text, word, {}, [](unsigned char c) { return toupper(c); });
   };
@@ -276,7 +276,7 @@ bool parseBoolean(const std::string& text, bool& value) {
   return true;
 }
 
-void from_text(const std::string& text, bool& value) {
+void from_text(std::string_view text, bool& value) {
   if (!parseBoolean(text, value)) throw std::invalid_argument("field is not a bool");
 }
 
@@ -313,13 +313,13 @@ bool KeyFile::getValue(const std::string& section, const std::string& key, T& va
   const std::lock_guard<std::mutex> lock(impl_->mutex);
   try {
     const auto keys = impl_->sections.find(section);
-    const auto* text = keys == impl_->sections.end() ? nullptr : keys->second.find(key);
-    if (text == nullptr) {
-      text = impl_->store(section, key, to_text(defaultValue));
-      if (text == nullptr) return false;
+    const auto* entry = keys == impl_->sections.end() ? nullptr : keys->second.find(key);
+    if (entry == nullptr) {
+      entry = impl_->store(section, key, to_text(defaultValue));
+      if (entry == nullptr) return false;
       write();
     }
-    from_text(*text, value);
+    from_text(entry->text(), value);
     return true;
   } catch (const std::exception& error) {
     print_message("<3>Failed to get %s::%s : %s\n", section.c_str(), key.c_str(), error.what());
