@@ -42,8 +42,8 @@ class KeyValueMap {
     return &(*at = std::move(added));
   }
 
-  // Adds a line after all others, whatever its key. Before find() or store(), sort() must follow. Now
-  // and then, repeated keys go if they are most: memory grows with the keys, not with the lines.
+  // Adds a line after all others, whatever its key. Before find() or store(), sort() must follow.
+  // Repeated keys go now and then, if they are most: memory grows with the keys, not the lines.
   void append(std::string_view line, size_t key_size) {
     if (entries_.size() == entries_.capacity()) {
       if (!in_order_ && looked_at_ < entries_.size() / 16) {
