@@ -65,7 +65,7 @@ TEST_F(KeyFiles, TextIsReadAndWrittenInOrderOrReportedWithItsLine) {
       {"", ""},
       {" \n\t\n# only\n ; comments", ""},
       {"[b]\ny=2\nx=1\n[a]\n[B]", "[B]\n[a]\n[b]\nx=1\ny=2\n"},
-      {"[a]\nc=1\n[b]\n[a]\nb=2\nc=3\na=4\n", "[a]\na=4\nb=2\nc=3\n[b]\n"},
+      {"[a]\nc=1\n[b]\n[a]\nb =2\nc=3\na= 4\n", "[a]\na=4\nb=2\nc=3\n[b]\n"},
       {"[a]\nk=1\nk=2\nj=1\nk=3\nj=2\n", "[a]\nj=2\nk=3\n"},
       {"  [a] trailing words\r\n\tk =\f v\v \r\n", "[a]\nk=v\n"},
       {"[ ]\n[ a ]\n[a=b[c]]\n", "[ ]\n[ a ]\n[a=b[c]\n"},
@@ -186,13 +186,13 @@ TEST_F(KeyFiles, ChangesAreSavedAndReadThroughTheCallback) {
   text_ = "both the output and the default";
   EXPECT_TRUE(file.getInteger("n", "i", number_, 3) && number_ == 3);
   EXPECT_TRUE(file.getInteger("n", "i", number_, 5) && number_ == 3);
-  EXPECT_TRUE(file.getDouble("n", "x", real_, 3.14159265) && real_ == 3.14159);
-  EXPECT_TRUE(file.getString("n", "t", text_, text_));
-  EXPECT_EQ(messages_of([&] { EXPECT_FALSE(file.getDouble("n", "x2", real_, 1e-310)); }),
-            "<3>Failed to get n::x2 : stod\n");
-  EXPECT_TRUE(real_ == 3.14159 && file.setInteger("n", "i", 3));  // the same again
-  EXPECT_EQ(seen, "11111");
-  EXPECT_EQ(file.toString(), "[n]\ni=3\nt=" + text_ + "\nx=3.14159\nx2=1e-310\n");
+  EXPECT_TRUE(file.getDouble("n", "x2", real_, 3.14159265) && real_ == 3.14159);
+  EXPECT_TRUE(file.getString("n", "t", text_, text_) && file.setInteger("n", "i", 4));
+  EXPECT_EQ(messages_of([&] { EXPECT_FALSE(file.getDouble("n", "x", real_, 1e-310)); }),
+            "<3>Failed to get n::x : stod\n");
+  EXPECT_TRUE(real_ == 3.14159 && file.setInteger("n", "i", 4));  // the same again
+  EXPECT_EQ(seen, "111111");
+  EXPECT_EQ(file.toString(), "[n]\ni=4\nt=" + text_ + "\nx=1e-310\nx2=3.14159\n");
   EXPECT_EQ(text_of("file"), file.toString() + "<");
   EXPECT_EQ(KeyFile("file", 0600, callback).toString(), file.toString());
   put("file", seen = "");
