@@ -53,7 +53,7 @@ constexpr Size HUNDRED_KB = {"100 KB", 100'000};
 constexpr Size TEN_MB = {"10 MB", 10'000'000};
 
 // Measured on 628 configuration files of 40 Debian packages, with 11,481 keys: what so many percent
-// do not exceed, and how many lines of all are comments.
+// do not exceed, and how many of the lines are comments.
 using Percentiles = std::array<double, 6>;
 constexpr Percentiles PERCENT = {10, 25, 50, 75, 90, 95};
 constexpr Percentiles KEY_BYTES = {5, 6, 10, 14, 19, 23};
@@ -69,8 +69,7 @@ class Random {
   // A number less than `end`.
   uint32_t below(uint32_t end) { return static_cast<uint32_t>(uint64_t{engine_()} * end >> 32); }
 
-  // Between the percentiles every size is as likely as the next; beyond the outer ones, there is
-  // none.
+  // Evenly between two percentiles; none is beyond the outer ones.
   size_t size(const Percentiles& sizes) {
     const double percent = below(10'000) / 100.0;
     const auto n =
@@ -114,7 +113,7 @@ inline Type type_of(std::string_view value) {
 
 enum class Style {
   IN_ORDER,  // as a save leaves it
-  SHUFFLED,  // as an engineer does: in no order, with comments, and spaces around the separator
+  SHUFFLED,  // as an engineer does: in no order, with comments, blank lines and spaces
 };
 
 inline std::string comments(Random& random) {
@@ -143,7 +142,7 @@ inline Document draw_document(size_t bytes, size_t keys, Style style) {
     if (!is_new) continue;
     if (!plain) text.append("\n").append(comments(random));
     text.append("[").append(section->first).append("]\n");
-    for (size_t left = random.size(KEYS_IN_SECTION); left > 0 && keys > 0;) {
+    for (size_t left = random.size(KEYS_IN_SECTION); left > 0 && keys > 0 && text.size() < bytes;) {
       const auto [entry, is_added] =
           section->second.try_emplace(random.word(random.size(KEY_BYTES)));
       if (!is_added) continue;

@@ -96,10 +96,10 @@ void add_reading(const Size& size) {
 void add_replacing(const Size& size) {
   const std::string job = std::string("Files/set_file_contents, ") + size.name + " on tmpfs";
   const std::string path = std::string(MEMORY) + "replaced " + size.name;
-  const std::string contents(size.bytes, 'x');
-  add(job, "ours", [=] { require(set_file_contents(path, contents, MODE) == 0, "replacing"); });
-  add(job, "floor", [=] { replace_file_with_bare_calls(path, contents); });
-  add(job, "GLib", [=] { replace_file_with_glib(path, contents); });
+  const auto text = std::make_shared<const std::string>(size.bytes, 'x');  // one place for all
+  add(job, "ours", [=] { require(set_file_contents(path, *text, MODE) == 0, "replacing"); });
+  add(job, "floor", [=] { replace_file_with_bare_calls(path, *text); });
+  add(job, "GLib", [=] { replace_file_with_glib(path, *text); });
 }
 
 constexpr std::array<char, 64> BYTES = {};

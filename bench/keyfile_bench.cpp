@@ -16,8 +16,6 @@
 namespace vutil::bench {
 namespace {
 
-using benchmark::State;
-
 // Has `measure` registered under a name. The time that passes counts, with what the kernel does.
 template <typename Measure>
 benchmark::internal::Benchmark* add(const std::string& job, const char* who, Measure measure) {
@@ -52,8 +50,8 @@ double peak() {
   return 1024.0 * static_cast<double>(usage.ru_maxrss);
 }
 
-// By how many bytes `figure` grows when a file is loaded, for each of its keys. That is measured at
-// once: in a process that has loaded other documents, their memory would be used again unseen.
+// By how many bytes `figure` grows when a file is loaded, for each of its keys. That is measured
+// before any other document is loaded: its memory would be used again, and not be seen.
 template <typename Peer>
 void add_memory(const std::string& job, double (*figure)(), std::string (*path)()) {
   const double keys = in_child([=] {
@@ -66,15 +64,15 @@ void add_memory(const std::string& job, double (*figure)(), std::string (*path)(
     const Peer document(path());
     return figure() - before;
   });
-  const auto show = [=](State& state) {
+  const auto show = [=](benchmark::State& state) {
     for (auto _ : state) continue;
     state.counters["bytes"] = bytes / keys;
   };
   add("Memory/" + job, Peer::NAME, show)->Iterations(1)->Repetitions(1);
 }
 
-// A document of as many parts as are asked for, with a number in each: they are as long as each
-// other, and in a random order.
+// A document of as many parts as are asked for, each with a number, equally long and in a random
+// order.
 struct Shape {
   const char *name, *head, *before, *after;
 };
@@ -109,7 +107,7 @@ void add_memory_jobs() {
 }
 
 template <typename Peer>
-void load_and_free(State& state, const std::string& path) {
+void load_and_free(benchmark::State& state, const std::string& path) {
   for (auto _ : state) {
     Peer document(path);
     benchmark::DoNotOptimize(&document);
@@ -122,7 +120,7 @@ void add_construct(const Size& size, Style style) {
   for_each_peer([&]<typename Peer>(Is<Peer>) {
     if (!copes_with<Peer>(size)) return;
     add(job, Peer::NAME,
-        [=](State& state) { load_and_free<Peer>(state, document_file(size, style)); });
+        [=](benchmark::State& state) { load_and_free<Peer>(state, document_file(size, style)); });
   });
 }
 
@@ -137,10 +135,11 @@ void add_to_string(const Size& size) {
   for_each_peer([&]<typename Peer>(Is<Peer>) {
     if constexpr (requires(const Peer& peer) { peer.text(); }) {
       if (!copes_with<Peer>(size)) return;
-      add(std::string("Documents/toString, ") + size.name, Peer::NAME, [=](State& state) {
-        const Peer* const document = loaded<Peer>(document_file(size, Style::IN_ORDER));
-        for (auto _ : state) benchmark::DoNotOptimize(document->text());
-      });
+      add(std::string("Documents/toString, ") + size.name, Peer::NAME,
+          [=](benchmark::State& state) {
+            const Peer* const document = loaded<Peer>(document_file(size, Style::IN_ORDER));
+            for (auto _ : state) benchmark::DoNotOptimize(document->text());
+          });
     }
   });
 }
@@ -157,7 +156,7 @@ void add_growth_jobs() {
   for (const Shape& shape : SHAPES) {
     for (const size_t count : {10'000, 100'000}) {
       add(std::string("Growth/construct, ") + shape.name, std::to_string(count).c_str(),
-          [=](State& state) { load_and_free<Ours>(state, shape_file(shape, count)); });
+          [=](benchmark::State& state) { load_and_free<Ours>(state, shape_file(shape, count)); });
     }
   }
 }
@@ -172,15 +171,15 @@ std::string printed(const Glib::Text& value) { return value.get(); }
 
 // Asks for all keys of a type in turn, in a random order.
 template <typename Peer, typename Value>
-void get_in_turn(State& state, size_t keys, Type type) {
+void get_in_turn(benchmark::State& state, size_t keys, Type type) {
   const Document document = draw_document(SIZE_MAX, keys, Style::IN_ORDER);
   Peer* const peer =
       loaded<Peer>(file(std::to_string(keys) + " keys", [&] { return document.text; }));
   std::vector<Name> names;
-  Value value{};
   for (const auto& [section, entries] : document.sections) {
     for (const auto& [key, text] : entries) {
       if (type_of(text) != type) continue;
+      Value value{};
       peer->get(names.emplace_back(section, key), value);
       require(printed(value) == text, Peer::NAME);
     }
@@ -188,6 +187,7 @@ void get_in_turn(State& state, size_t keys, Type type) {
   std::ranges::shuffle(names, std::mt19937());
   size_t next = 0;
   for (auto _ : state) {
+    Value value{};
     peer->get(names[next], value);
     benchmark::DoNotOptimize(value);
     if (++next == names.size()) next = 0;
@@ -199,7 +199,7 @@ void add_getter(const std::string& getter, Type type, const char* variant, size_
   for_each_peer([&]<typename Peer>(Is<Peer>) {
     using Value = std::conditional_t<std::is_same_v<T, std::string>, typename Peer::Text, T>;
     add("Getters/" + getter + variant, Peer::NAME,
-        [=](State& state) { get_in_turn<Peer, Value>(state, keys, type); });
+        [=](benchmark::State& state) { get_in_turn<Peer, Value>(state, keys, type); });
   });
 }
 

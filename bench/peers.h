@@ -1,7 +1,7 @@
 // The library and its peers, each a type with the same members:
 //
 //   NAME           what the tables call it
-//   Text           what its own interface gives as a text that stays when the document changes
+//   Text           a text that stays when the document changes: its own, or a copy of what it gives
 //   Peer(path)     loads a file, as the manual shows
 //   text()         the document as text, if there is a call for that
 //   get(name, out) a Text, int, double or bool, by a call with a default or a missing-key error
@@ -76,16 +76,16 @@ struct Glib {
   }
   Text text() const { return Text(g_key_file_to_data(file.get(), nullptr, nullptr)); }
   void get(const Name& n, Text& out) const {
-    out.reset(g_key_file_get_string(file.get(), n.section.c_str(), n.key.c_str(), nullptr));
+    out.reset(g_key_file_get_string(file.get(), n.section.c_str(), n.key.c_str(), &error));
   }
   void get(const Name& n, int& out) const {
-    out = g_key_file_get_integer(file.get(), n.section.c_str(), n.key.c_str(), nullptr);
+    out = g_key_file_get_integer(file.get(), n.section.c_str(), n.key.c_str(), &error);
   }
   void get(const Name& n, double& out) const {
-    out = g_key_file_get_double(file.get(), n.section.c_str(), n.key.c_str(), nullptr);
+    out = g_key_file_get_double(file.get(), n.section.c_str(), n.key.c_str(), &error);
   }
   void get(const Name& n, bool& out) const {
-    out = g_key_file_get_boolean(file.get(), n.section.c_str(), n.key.c_str(), nullptr) != 0;
+    out = g_key_file_get_boolean(file.get(), n.section.c_str(), n.key.c_str(), &error) != 0;
   }
   void set_and_save(const Name& n, int value) const {
     g_key_file_set_integer(file.get(), n.section.c_str(), n.key.c_str(), value);
@@ -95,6 +95,7 @@ struct Glib {
   }
 
   std::string path;
+  mutable GError* error = nullptr;
   std::unique_ptr<GKeyFile, Deleter<g_key_file_free>> file{g_key_file_new()};
 };
 

@@ -15,7 +15,7 @@ namespace vutil {
 // and faster to read and to search. That a new key moves others costs little beside its save.
 class KeyValueMap {
  public:
-  // One string for both takes less memory and time than two, and is what a save writes.
+  // One string for both takes less memory and time than two, on the whole, and is escaped at once.
   struct Entry {
     std::string_view key() const { return {line.data(), key_size}; }
     std::string_view text() const { return std::string_view(line).substr(key_size + 1); }
