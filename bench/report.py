@@ -10,7 +10,7 @@ import json
 import pathlib
 import sys
 
-# What the README shows: a job of each kind, and those at which a peer is most ahead.
+# What the README shows: usual jobs, and those at which a peer is most ahead.
 SHOWN = (
     "construct, 1 KB shuffled",
     "construct, 100 KB in order",
