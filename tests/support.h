@@ -43,7 +43,8 @@ using Texts = std::vector<std::string>;
 
 inline int open_descriptors() {
   int count = 0;
-  for (int fd = 0; fd < 64; ++fd) count += fcntl(fd, F_GETFD) < 0 ? 0 : 1;
+  struct stat status = {};
+  for (int fd = 0; fd < 64; ++fd) count += fstat(fd, &status) == 0 ? 1 : 0;
   return count;
 }
 
@@ -63,22 +64,24 @@ class InDirectory : public testing::Test {
   }
 
   void TearDown() override {
-    EXPECT_EQ(open_descriptors(), open_before_) << "descriptors leaked or closed";
+    for (int& fd : fds_) xclose(fd);
+    EXPECT_EQ(open_descriptors(), open_before_) << "the test leaked a descriptor or closed another";
     EXPECT_EQ(chdir("/"), 0);
     const auto erase = [](auto path, auto, auto, auto) { return remove(path); };
     nftw(directory_.c_str(), erase, 8, FTW_DEPTH | FTW_PHYS);
   }
 
   std::string directory_;
+  std::array<int, 2> fds_ = {-1, -1};  // what a test has open
   int open_before_ = 0;
 };
 
 struct Disturbance {
-  size_t nth = 0;                            // the call that is disturbed, counted from 1,
-  int error = 0;                             // which then fails with this errno value,
-  std::optional<long long> result = {};      // or does nothing and gives this
-  size_t at_most = SIZE_MAX;                 // bytes that a call reads or writes
-  std::function<void(msghdr&)> change = {};  // what becomes of a message that is received
+  size_t nth = 0;                          // the call that is disturbed, counted from 1,
+  int error = 0;                           // which then fails with this errno value,
+  std::optional<long long> result = {};    // or does nothing and gives this
+  size_t at_most = SIZE_MAX;               // bytes that a call reads or writes
+  std::function<void(msghdr&)> edit = {};  // what becomes of a message that is received
 };
 
 inline thread_local struct {
@@ -88,15 +91,13 @@ inline thread_local struct {
   int allocations_left = 0;  // until one fails
   bool all_fail = false, failed = false;
   size_t largest = 0;  // of all allocations
-} state;
+} interposer;
 
 // Arguments whose numbers have names.
 enum Flags : int {};
 enum Mode : mode_t {};
-enum Whence : int {};
 enum Command : int {};
 enum Clock : clockid_t {};
-enum Entries : nfds_t {};
 
 // How an argument is noted. Pointers to data are left out.
 inline std::string shown(const char* path) { return std::string(" ") + path; }
@@ -106,7 +107,6 @@ inline std::string shown(Mode mode) {
   return (std::ostringstream() << std::oct << std::showbase << " " << unsigned{mode}).str();
 }
 inline std::string shown(Clock id) { return id == CLOCK_MONOTONIC ? " MONOTONIC" : " other"; }
-inline std::string shown(Whence from) { return from == SEEK_END ? " SEEK_END" : shown(int{from}); }
 inline std::string shown(Command command) {
   return command == F_GETFL ? " F_GETFL" : command == F_SETFL ? " F_SETFL" : " other";
 }
@@ -120,7 +120,6 @@ inline std::string shown(Flags flags) {
   }
   return flags == 0 ? names : names + shown(int{flags});
 }
-inline std::string shown(Entries count) { return count == 1 ? "" : " other"; }
 inline std::string shown(timespec*) { return ""; }
 inline std::string shown(const pollfd* entry) {
   return shown(entry->fd) + (entry->events == POLLIN ? " POLLIN" : " other");
@@ -131,29 +130,30 @@ inline std::string shown(const timespec* time) {
 
 // What happens to an argument before a call, and to what it points to after the call.
 void shorten(const auto&) {}
-inline void shorten(size_t& size) { size = std::min(size, state.disturbance->at_most); }
-void change(const auto&) {}
-inline void change(msghdr* message) {
-  if (state.disturbance->change) state.disturbance->change(*message);
+inline void shorten(size_t& size) { size = std::min(size, interposer.disturbance->at_most); }
+void adjust(const auto&) {}
+inline void adjust(msghdr* message) {
+  if (interposer.disturbance->edit) interposer.disturbance->edit(*message);
 }
-inline void change(timespec* now) {
-  state.now += 100ms;
-  *now = {state.now / 1s, static_cast<long>((state.now % 1s).count())};
+inline void adjust(timespec* now) {
+  interposer.now += 100ms;
+  *now = {interposer.now / 1s, static_cast<long>((interposer.now % 1s).count())};
 }
 
 // A call of libc's `symbol`, noted under `name`. A close that fails has closed all the same.
 template <typename Result, typename... Arguments>
 Result stand_in(const std::string& name, const char* symbol, Arguments... arguments) {
   const auto real = reinterpret_cast<Result (*)(Arguments...)>(dlsym(RTLD_NEXT, symbol));
-  if (state.disturbance == nullptr) return real(arguments...);
-  const Disturbance& disturbance = *state.disturbance;
-  state.calls.push_back((name + ... + shown(arguments)));
-  const bool disturbed = state.calls.size() == disturbance.nth;
-  if (disturbed && disturbance.result) return static_cast<Result>(*disturbance.result);
-  (shorten(arguments), ...);
+  if (interposer.disturbance == nullptr) return real(arguments...);
+  const Disturbance& disturbance = *interposer.disturbance;
+  interposer.calls.push_back((name + ... + shown(arguments)));
+  const bool disturbed = interposer.calls.size() == disturbance.nth;
   const bool fails = disturbed && disturbance.error != 0;
-  const Result result = fails && name != "close" ? -1 : real(arguments...);
-  (change(arguments), ...);
+  (shorten(arguments), ...);
+  const Result result = disturbed && disturbance.result ? static_cast<Result>(*disturbance.result)
+                        : fails && name != "close"      ? -1
+                                                        : real(arguments...);
+  (adjust(arguments), ...);
   if (fails) errno = disturbance.error;
   return fails ? -1 : result;
 }
@@ -161,27 +161,28 @@ Result stand_in(const std::string& name, const char* symbol, Arguments... argume
 // A copy of an array of buffers that holds no more than may be written.
 inline std::vector<iovec> shortened(const iovec* iov, int count) {
   std::vector<iovec> entries(iov, iov + count);
-  size_t left = state.disturbance == nullptr ? SIZE_MAX : state.disturbance->at_most;
+  size_t left = interposer.disturbance == nullptr ? SIZE_MAX : interposer.disturbance->at_most;
   for (iovec& entry : entries) left -= entry.iov_len = std::min(entry.iov_len, left);
   return entries;
 }
 
 inline void* allocate(size_t size) {
-  state.largest = std::max(state.largest, size);
-  const bool fails = state.allocations_left > 0 && --state.allocations_left == 0;
-  if (fails && state.all_fail) state.allocations_left = 1;
-  state.failed |= fails;
+  interposer.largest = std::max(interposer.largest, size);
+  const bool fails = interposer.allocations_left > 0 && --interposer.allocations_left == 0;
+  if (fails && interposer.all_fail) interposer.allocations_left = 1;
+  interposer.failed |= fails;
   return fails ? nullptr : malloc(size);
 }
 
 inline void put(const std::string& path, const std::string& text) { std::ofstream(path) << text; }
-
 inline std::string text_of(const std::string& path) {
   return (std::ostringstream() << std::ifstream(path).rdbuf()).str();
 }
 
-// What `run` writes to standard error. Each print changes errno; one of part of a line is marked.
+// What `run` writes to standard error, and a line if it leaks a descriptor or closes another. Each
+// print changes errno; one of part of a line is marked.
 inline std::string messages_of(const std::function<void()>& run) {
+  const int open_before = open_descriptors();
   std::string messages;
   messages.reserve(size_t{1} << 16);  // allocations may be failing
   const auto append = [](void* to, const char* text, size_t size) {
@@ -194,27 +195,30 @@ inline std::string messages_of(const std::function<void()>& run) {
   FILE* const standard_error = std::exchange(stderr, stream);
   run();
   fclose(std::exchange(stderr, standard_error));
+  const int leaked = open_descriptors() - open_before;
+  if (leaked != 0) messages += "[" + std::to_string(leaked) + " descriptors leaked]\n";
   return messages;
+}
+
+// Compares texts by line and stops at the first that differs, which then stands before the whole.
+inline void expect_lines(const std::string& text, const std::string& expected) {
+  std::istringstream lines(text), expected_lines(expected);
+  for (int number = 1; lines || expected_lines; ++number) {
+    std::string line, expected_line;
+    std::getline(lines, line);
+    std::getline(expected_lines, expected_line);
+    ASSERT_EQ(line, expected_line) << "in line " << number << " of\n" << text;
+  }
 }
 
 // The system calls that `run` makes in this thread, in order. The clock starts at 100 s and goes on
 // by 0.1 s for each look at it.
 inline Texts calls_of(const std::function<void()>& run, const Disturbance& disturbance = {}) {
-  state.now = 100s;
-  state.disturbance = &disturbance;
+  interposer.now = 100s;
+  interposer.disturbance = &disturbance;
   run();
-  state.disturbance = nullptr;
-  return std::exchange(state.calls, {});
-}
-
-// Whether `run` made an n-th allocation in this thread: it failed, with all later ones if `all`.
-inline bool fails_allocation(int nth, bool all, const std::function<void()>& run) {
-  state.failed = false;
-  state.all_fail = all;
-  state.allocations_left = nth;
-  run();
-  state.allocations_left = 0;
-  return state.failed;
+  interposer.disturbance = nullptr;
+  return std::exchange(interposer.calls, {});
 }
 
 // NOLINTBEGIN(misc-definitions-in-headers): once in each program
@@ -230,7 +234,7 @@ inline bool fails_allocation(int nth, bool all, const std::function<void()>& run
 
 STAND_IN(open, open64, int, (const char* path, Flags flags, Mode mode), path, flags,
          (flags & O_CREAT) != 0 ? mode : Mode{})
-STAND_IN(lseek, lseek64, off64_t, (int fd, off64_t offset, Whence from), fd, offset, from)
+STAND_IN(lseek, lseek64, off64_t, (int fd, off64_t offset, int from), fd, offset, from)
 STAND_IN(read, read, ssize_t, (int fd, void* data, size_t size), fd, data, size)
 STAND_IN(write, write, ssize_t, (int fd, const void* data, size_t size), fd, data, size)
 STAND_IN(writev, writev, ssize_t, (int fd, const iovec* iov, int count), fd,
@@ -243,20 +247,20 @@ STAND_IN(unlink, unlink, int, (const char* path), path)
 STAND_IN_2(fcntl, fcntl64, __fcntl_time64, int, (int fd, Command command, Flags flags), fd, command,
            command == F_SETFL ? flags : Flags{})
 STAND_IN_2(ppoll, ppoll, __ppoll64, int,
-           (const pollfd* fds, Entries n, const timespec* t, void* set), fds, n, t, set)
+           (const pollfd* fds, nfds_t n, const timespec* t, void* set), fds, n, t, set)
 STAND_IN_2(recvmsg, recvmsg, __recvmsg64, ssize_t, (int fd, msghdr* to, int flags), fd, to, flags)
 STAND_IN_2(clock_gettime, clock_gettime, __clock_gettime64, int, (Clock id, timespec* now), id, now)
 // clang fortifies these.
 STAND_IN(open, __open64_2, int, (const char* path, Flags flags), path, flags, Mode{})
 STAND_IN(ppoll, __ppoll_chk, int,
-         (const pollfd* fds, Entries n, const timespec* t, void* a, void* b), fds, n, t, a, b)
+         (const pollfd* fds, nfds_t n, const timespec* t, void* a, void* b), fds, n, t, a, b)
 
 // While all allocations fail, there is no memory for the text of a message.
-#define WITHOUT_MEMORY(symbol, parameters, ...)                                       \
-  extern "C" int stand_in_##symbol parameters asm(#symbol);                           \
-  extern "C" int stand_in_##symbol parameters {                                       \
-    const auto real = reinterpret_cast<int(*) parameters>(dlsym(RTLD_NEXT, #symbol)); \
-    return state.failed && state.allocations_left > 0 ? -1 : real(__VA_ARGS__);       \
+#define WITHOUT_MEMORY(symbol, parameters, ...)                                           \
+  extern "C" int stand_in_##symbol parameters asm(#symbol);                               \
+  extern "C" int stand_in_##symbol parameters {                                           \
+    const auto real = reinterpret_cast<int(*) parameters>(dlsym(RTLD_NEXT, #symbol));     \
+    return interposer.failed && interposer.allocations_left > 0 ? -1 : real(__VA_ARGS__); \
   }
 WITHOUT_MEMORY(vasprintf, (char** text, const char* format, va_list list), text, format, list)
 WITHOUT_MEMORY(__vasprintf_chk, (char** a, int b, const char* c, va_list d), a, b, c, d)
@@ -268,7 +272,6 @@ void* operator new(size_t size) {
   if (memory == nullptr) throw std::bad_alloc();
   return memory;
 }
-void* operator new(size_t size, const std::nothrow_t&) noexcept { return vutil::allocate(size); }
 [[gnu::noinline]] void operator delete(void* memory) noexcept { free(memory); }
 [[gnu::noinline]] void operator delete(void* memory, size_t) noexcept { free(memory); }
 // NOLINTEND(misc-definitions-in-headers)
