@@ -200,14 +200,21 @@ inline std::string messages_of(const std::function<void()>& run) {
   return messages;
 }
 
-// Compares texts by line and stops at the first that differs, which then stands before the whole.
-inline void expect_lines(const std::string& text, const std::string& expected) {
+// The messages of a call, and its result or the name of its error.
+inline std::string outcome_of(const std::function<int()>& run) {
+  int result = 0;
+  const std::string messages = messages_of([&] { result = run(); });
+  return messages + (result < 0 ? strerrorname_np(-result) : std::to_string(result));
+}
+
+// Fails at the first line that differs, with a note.
+inline void expect_lines(const std::string& text, const std::string& expected,
+                         const std::string& note) {
   std::istringstream lines(text), expected_lines(expected);
-  for (int number = 1; lines || expected_lines; ++number) {
-    std::string line, expected_line;
+  for (std::string before, line, expected_line; lines || expected_lines; before = line) {
     std::getline(lines, line);
     std::getline(expected_lines, expected_line);
-    ASSERT_EQ(line, expected_line) << "in line " << number << " of\n" << text;
+    ASSERT_EQ(line, expected_line) << "after the line \"" << before << "\"; " << note;
   }
 }
 
