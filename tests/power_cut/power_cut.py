@@ -15,6 +15,7 @@ save. Two faulty savers, which skip the flush of their files or of the directory
 import os
 import pathlib
 import random
+import shutil
 import struct
 import subprocess
 import sys
@@ -28,50 +29,12 @@ MAKE = {"ext4": "mke2fs -q -F -t ext4 -E lazy_itable_init=0", "f2fs": "mkfs.f2fs
 # Its commits at intervals would hide others.
 OPTIONS = {"ext4": "noauto_da_alloc,commit=300", "f2fs": "rw"}
 
-# A document has several blocks, and differs from the next one everywhere.
-SAVE = """
-mkdir /documents
-for number in $(seq 0 11) 99; do
-  printf %s "$(seq -s , $number $((number + 2000)))" >/documents/$number
-done
-save_key_file() { LD_PRELOAD=$fault keyfile /mnt/conf set saves text "$(cat /documents/$1)"; }
-save_file() { LD_PRELOAD=$fault replace /mnt/file "$(cat /documents/$1)"; }
-"""
-# A report goes past the page cache, but flushes nothing.
-RECORD = SAVE + """
-report() {
-  printf '%-4096s' "$*" | dd of="$disk" bs=4k seek=64M oflag=direct,seek_bytes status=none
-}
-for disk in /dev/vd?; do
-  fault=/lib/$(cat /sys/block/"${disk##*/}"/serial).so
-  [ -e "$fault" ] || fault=
-  mount -t $type -o $options "$disk" /mnt
-  for number in $(seq 0 10); do
-    save_key_file $number && report $number $((number - 1)) || exit
-    save_file $number && report $number $number || exit
-  done
-  umount /mnt
-done
-"""
-INSPECT = SAVE + """
-holds() { cmp -s $1 /documents/$2 || cmp -s $1 /documents/$(($2 + 1)); }
-inspect() {
-  keyfile /mnt/conf get saves text | tr -d '\\n' >/tmp/text && holds /tmp/text $1 &&
-    holds /mnt/file $2 &&
-    save_key_file 99 && save_file 99 && cmp -s /mnt/file /documents/99
-}
-while read -r offset numbers; do
-  losetup -o "$offset" /dev/loop0 /dev/vda
-  mount -t $type -o $options /dev/loop0 /mnt && inspect $numbers && echo good || echo bad
-  umount /mnt
-  losetup -d /dev/loop0
-done </disks
-"""
 
-
-def run_on_target(main, *options):
+def run_on_target(script, *options):
     machine = directory / "machine"
-    (machine / "main").write_text(f"type={type_}\noptions={OPTIONS[type_]}\n{main}")
+    for name in script, "save.sh":
+        shutil.copy(pathlib.Path(__file__).with_name(name), machine)
+    (machine / "main").write_text(f"sh /{script} {type_} {OPTIONS[type_]}\n")
     run = subprocess.run(["script/on-target", machine, *options], stdout=subprocess.PIPE, text=True)
     if run.returncode != 0:
         sys.exit(run.stdout)
@@ -142,7 +105,7 @@ for saver in CUTS:
     disks += attach(saver, "driver=blklogwrites"
                     f",file.driver=file,file.cache.no-flush=on,file.filename={directory}/{saver}"
                     f",log.driver=file,log.cache.no-flush=on,log.filename={directory}/{saver}.log")
-run_on_target(RECORD, *disks)
+run_on_target("record.sh", *disks)
 
 cases = []
 with open(directory / "disks", "wb") as disks, open(directory / "machine/disks", "w") as list_:
@@ -156,8 +119,8 @@ with open(directory / "disks", "wb") as disks, open(directory / "machine/disks",
                 disks.seek(start + sector * SECTOR)
                 disks.write(data)
     disks.truncate(len(cases) * FILE_SYSTEM_SIZE)
-console = run_on_target(INSPECT, *attach("disks", "driver=file,cache.no-flush=on"
-                                        f",filename={directory}/disks"))
+console = run_on_target("inspect.sh", *attach("disks", "driver=file,cache.no-flush=on"
+                                              f",filename={directory}/disks"))
 verdicts = [line for line in console if line in ("good", "bad")]
 assert len(verdicts) == len(cases), "a disk was not inspected"
 passed = True
