@@ -245,7 +245,7 @@ TEST_F(Io, ReadDeadline_ReadTimeout_ComputeTheTimeLeftAfresh) {
     const Texts calls = calls_of(
         [&, size = wanted, time = timeout] { got = read_timeout(0, to, size, &count_, time); },
         {.at_most = 3});
-    EXPECT_GE(std::chrono::steady_clock::now() - start, timeout == 350ms ? 50ms : 0ms);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, wanted == 5 ? 50ms : 0ms);
     std::string outcome = buffer.substr(0, count_);
     for (const std::string& call : calls) {
       if (call[0] == 'p') outcome.append(",") += call.substr(strlen("ppoll 0 POLLIN 1"));

@@ -53,7 +53,7 @@ TEST_F(KeyFiles, KeyFile_ToString_ReadTextInOrderOrReportItsLine) {
   const std::pair<std::string, std::string> rows[] = {
       {" \n\t\n# only\n ; comments", ""},
       {"[b]\nm=1\nzz=\nnzzz=2\n[a]\n[B]", "[B]\n[a]\n[b]\nm=1\nnzzz=2\nzz=\n"},
-      {"[a]\nc=1\nd=1\n[b]\n[a]\nb =2\na= 4\n[b]\n[a]\nc=3", "[a]\na=4\nb=2\nc=3\nd=1\n[b]\n"},
+      {"[a]\nc=1\nx=1\n[b]\n[a]\nb =2\na= 4\n[b]\n[a]\nc=3", "[a]\na=4\nb=2\nc=3\nx=1\n[b]\n"},
       {"[a]\nk=1\nk=2\nj=1\nk=3\nj=2\n", "[a]\nj=2\nk=3\n"},
       {"  [a] trailing words\r\n\tk =\f v\v \r\n", "[a]\nk=v\n"},
       {"[ ]\n[ a ]\n[a=b[c]]\n", "[ ]\n[ a ]\n[a=b[c]\n"},
