@@ -20,7 +20,7 @@ UNREACHABLE = [
 # Whether each was seen: lines, functions (of which several may share a line: lambdas) and outcomes.
 # Templates and headers are reported for each instance and object file: one that saw it is enough.
 lines, functions, outcomes = {}, {}, {}
-text_of = {}
+text_of, place_of = {}, {}
 
 
 def note(seen_of, key, seen):
@@ -36,6 +36,7 @@ for document in sys.stdin:
             text_of[name, number] = text.strip()
         for function in file["functions"]:
             at = name, function["start_line"], function["start_column"]
+            place_of[function["name"]] = at
             note(functions, at, function["execution_count"] > 0)
         for line in file["lines"]:
             at = name, line["line_number"]
@@ -49,7 +50,8 @@ for document in sys.stdin:
                 for part in range(count):
                     for outcome in "true", "false":
                         seen = part not in whole["not_covered_" + outcome]
-                        note(outcomes, (*at, nth, part, count, outcome), seen)
+                        key = *at, place_of[line["function_name"]], nth, part, count, outcome
+                        note(outcomes, key, seen)
 
 failures = []
 for source in sorted(map(str, pathlib.Path("src").glob("*.cpp"))):
@@ -60,7 +62,7 @@ not_run = {key[:2] for key, seen in (*lines.items(), *functions.items()) if not 
 failures += [f"{name}:{number}: never run: {text_of[name, number]}"
              for name, number in sorted(not_run)]
 stale = list(UNREACHABLE)
-for name, number, _, part, count, outcome in sorted(key for key in outcomes if not outcomes[key]):
+for name, number, *_, part, count, outcome in sorted(key for key in outcomes if not outcomes[key]):
     which = f"condition {part + 1} of {count} never decides as" if count > 1 else "never"
     missed = f"{which} {outcome}: {text_of[name, number]}"
     if f"{name}: {missed}" in stale:

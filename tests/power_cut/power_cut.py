@@ -3,9 +3,10 @@
 
     tests/power_cut/power_cut.py FILE_SYSTEM DIRECTORY
 
-DIRECTORY/machine has the programs for the machine of script/on-target. There a key file and a plain
-file are saved in turn, with growing numbers. QEMU records the writes and flushes of the disk in
-order, among them the saver's report of each save that returned: a write to the end of the disk.
+Runs in the root of the tree. DIRECTORY/machine has the programs for the machine of
+script/on-target. There a key file and a plain file are saved in turn, with growing numbers. QEMU
+records the writes and flushes of the disk in order, among them the saver's report of each save that
+returned: a write to the end of the disk.
 
 From the record come the disks as a cut may leave them: what was written before the last flush is
 there; what was written after it is kept, dropped or torn. A second machine mounts each such disk.
@@ -98,14 +99,14 @@ subprocess.run([*MAKE[type_].split(), base], check=True)
 formatted = {sector: data for sector, data in split(0, base.read_bytes()) if any(data)}
 os.truncate(base, FILE_SYSTEM_SIZE + 4096)
 
-disks = []
+drives = []
 for saver in CUTS:
     subprocess.run(["cp", "--sparse=always", base, directory / saver], check=True)
     (directory / f"{saver}.log").touch()
-    disks += attach(saver, "driver=blklogwrites"
+    drives += attach(saver, "driver=blklogwrites"
                     f",file.driver=file,file.cache.no-flush=on,file.filename={directory}/{saver}"
                     f",log.driver=file,log.cache.no-flush=on,log.filename={directory}/{saver}.log")
-run_on_target("record.sh", *disks)
+run_on_target("record.sh", *drives)
 
 cases = []
 with open(directory / "disks", "wb") as disks, open(directory / "machine/disks", "w") as list_:

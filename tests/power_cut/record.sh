@@ -1,5 +1,6 @@
 # shellcheck shell=sh
-# Saves on each disk, with the faulty saver that its serial number names, and reports each save.
+# Saves on each disk, with the faulty saver, if any, that its serial number names, and reports each
+# save.
 # usage: record.sh FILE_SYSTEM MOUNT_OPTIONS
 # shellcheck source=/dev/null
 . /save.sh
