@@ -27,9 +27,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   FuzzedDataProvider input(data, size);
   std::vector<std::tuple<std::string, std::string, std::string>> changes(
       input.ConsumeIntegralInRange<size_t>(0, 4));
-  for (auto& [section, key, value] : changes) {
+  for (auto& [section, key, value] : changes)
     for (auto* text : {&section, &key, &value}) *text = input.ConsumeRandomLengthString();
-  }
   require(vutil::set_file_contents(path, input.ConsumeRemainingBytesAsString(), 0600) == 0);
   try {
     // What was read, written and read again is the same document and the same bytes.
@@ -43,9 +42,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::map<std::pair<std::string, std::string>, std::string> accepted;
     for (auto& [section, key, value] : changes) {
       const bool sets = value.size() % 2 == 0;
-      if (sets ? file.setString(section, key, value) : file.getString(section, key, value, value)) {
+      if (sets ? file.setString(section, key, value) : file.getString(section, key, value, value))
         accepted[{section, key}] = value;
-      }
     }
     vutil::KeyFile loaded(path, 0600);
     for (const auto& [name, value] : accepted) {

@@ -31,7 +31,7 @@ class Io : public InDirectory {
     }
   }
 
-  // For the transcript of what changes a file: it is there, with what an earlier crash left.
+  // For a transcript: what is in the file and beside it, where an earlier crash left something.
   static std::string tell_and_reset_files() {
     std::string left;
     for (const std::string path : {"target", "target.tmp"}) {
@@ -43,6 +43,7 @@ class Io : public InDirectory {
     return left;
   }
 
+  static constexpr std::string_view TARGET{"target, not its end", 6};
   std::function<std::string()> tell_and_reset_ = [] { return ""; };
   size_t at_most_ = SIZE_MAX;  // bytes for each call to read or write
   size_t count_ = 77;
@@ -55,7 +56,7 @@ class Io : public InDirectory {
       << "The checks of src/io.cpp keep their lines: CONTRIBUTING.md, \"Lines that are pinned\""
 
 TEST_F(Io, Checks_ReportTheirPinnedLinesAndTouchNothing) {
-  const auto xclose = [](int fd) { return vutil::xclose(fd), fd - 77; };
+  const auto xclose = [](int fd) { return errno = 0, vutil::xclose(fd), fd - 77 + errno; };
   const std::string xs(4095, 'x');
   char byte = 'b';
   iovec iov = {&byte, 1};
@@ -111,10 +112,10 @@ no failure: -1, 0 more calls
 
 TEST_F(Io, SetFileContents_ReplacesTheFileOrLeavesIt) {
   tell_and_reset_ = tell_and_reset_files;
-  expect_transcript([] { return set_file_contents("target", "new", 0640); }, R"(
+  expect_transcript([] { return set_file_contents(TARGET, "new", 04640); }, R"(
 unlink target.tmp: ERROR, 0 more calls, target: old text, target.tmp: remains
 <3>Failed to unlink 'target.tmp': ERROR
-open target.tmp O_WRONLY O_CREAT O_EXCL O_CLOEXEC 0640: ERROR, 1 more calls, target: old text
+open target.tmp O_WRONLY O_CREAT O_EXCL O_CLOEXEC 04640: ERROR, 1 more calls, target: old text
 <3>Failed to open path 'target.tmp' for writing: ERROR
 <3>Failed when writing contents to temporary file.
 write 0 3: ERROR, 2 more calls, target: old text
@@ -123,11 +124,11 @@ write 0 3: ERROR, 2 more calls, target: old text
 fsync 0: ERROR, 2 more calls, target: old text
 <3>Failed to fsync 'target.tmp': ERROR
 <3>Failed when writing contents to temporary file.
-chmod target.tmp 0640: ERROR, 2 more calls, target: old text
+chmod target.tmp 04640: ERROR, 2 more calls, target: old text
 <3>Failed to change permissions of 'target.tmp': ERROR
 <3>Failed when writing contents to temporary file.
 close 0: 0, 5 more calls, target: new
-chmod target.tmp 0640: ERROR, 1 more calls, target: old text
+chmod target.tmp 04640: ERROR, 1 more calls, target: old text
 <3>Failed to change permissions of 'target.tmp': ERROR
 rename target.tmp target: ERROR, 0 more calls, target: old text, target.tmp: new
 <3>Failed to rename 'target.tmp' -> 'target': ERROR
@@ -139,8 +140,8 @@ fsync 0: 0, 1 more calls, target: new
 close 0: 0, 0 more calls, target: new
 no failure: 0, 0 more calls, target: new
 )");
-  const Texts calls = calls_of([] { EXPECT_EQ(set_file_contents("target", "x", 0), 0); });
-  EXPECT_EQ(calls.at(5), "chmod target.tmp 0") << "the only one for this mode";
+  const Texts calls = calls_of([] { EXPECT_EQ(set_file_contents({"target\0x", 8}, "", 0), 0); });
+  EXPECT_EQ(calls.at(4), "chmod target.tmp 0") << "the only one for this mode";
 }
 
 TEST_F(Io, SetFileContents_LimitsTheLengthOfPaths) {
@@ -150,17 +151,17 @@ TEST_F(Io, SetFileContents_LimitsTheLengthOfPaths) {
   EXPECT_EQ(set_file_contents(padded(4090), "old", 0600), 0);
   EXPECT_EQ(set_file_contents_inplace(padded(4094), "new"), 0);
   const auto path = padded(4091);
-  const auto outcome = outcome_of([&] { return set_file_contents(path, "", 0600); });
-  EXPECT_EQ(outcome.substr(outcome.find('\n')),  // after the message of a check
-            "\n<3>Failed to rename '" + path + ".tmp' -> '" + path +
+  const auto outcome = outcome_of([&] { return set_file_contents(path, "tmp", 0600); });
+  EXPECT_EQ(outcome.substr(0, 3) + outcome.substr(outcome.find('\n')),  // the check's, shortened
+            "<2>\n<3>Failed to rename '" + path + ".tmp' -> '" + path +
                 "': File name too long\nENAMETOOLONG");
-  EXPECT_EQ(text_of("f") + text_of("f.tmp"), "new");
+  EXPECT_EQ(text_of("f") + text_of("f.tmp"), "newtmp");
 }
 
 TEST_F(Io, SetFileContentsInplace_WritesOverWhatIsThere) {
   tell_and_reset_ = tell_and_reset_files;
   at_most_ = 5;
-  expect_transcript([] { return set_file_contents_inplace("target", "newer t"); }, R"(
+  expect_transcript([] { return set_file_contents_inplace(TARGET, "newer t"); }, R"(
 open target O_WRONLY O_CLOEXEC 0: ERROR, 0 more calls, target: old text, target.tmp: remains
 <3>Failed to open path 'target' for writing: ERROR
 write 0 7: ERROR, 1 more calls, target: old text, target.tmp: remains
@@ -175,17 +176,17 @@ no failure: 0, 0 more calls, target: newer tt, target.tmp: remains
 TEST_F(Io, RenameFsync_FsyncPath_FlushADirectory) {
   ASSERT_EQ(mkdir("sub", 0700), 0);
   put("file", "text");
-  const std::string_view path = "file and what follows in the caller's buffer";
-  EXPECT_EQ(calls_of([&] {
-              EXPECT_EQ(rename_fsync(path.substr(0, 4), {"sub/g\0h", 7}), 0);
-            }),
+  const std::string_view path = "sub/file and what follows in the caller's buffer";
+  const auto move = [&] { EXPECT_EQ(rename_fsync(path.substr(4, 4), {"sub/g\0h", 7}), 0); };
+  EXPECT_EQ(calls_of(move),
             (Texts{"rename file sub/g", "open sub O_CLOEXEC 0", "fsync 0", "close 0"}));
-  expect_transcript([] { return fsync_path("sub/g"); }, R"(
-open sub/g O_CLOEXEC 0: ERROR, 0 more calls
+  expect_transcript([&] { return fsync_path(path.substr(0, 3)); }, R"(
+open sub O_CLOEXEC 0: ERROR, 0 more calls
 fsync 0: ERROR, 1 more calls
 close 0: 0, 0 more calls
 no failure: 0, 0 more calls
 )");
+  EXPECT_EQ(outcome_of([] { return fsync_path("absent"); }), "ENOENT");
 }
 
 TEST_F(Io, GetFileContents_ReadsWhatIsThere) {
@@ -195,7 +196,7 @@ TEST_F(Io, GetFileContents_ReadsWhatIsThere) {
     std::replace(contents.begin(), contents.end(), '\0', '0');
     return ", " + std::exchange(contents, "as it was");
   };
-  const auto read_target = [&] { return get_file_contents("target", contents); };
+  const auto read_target = [&] { return get_file_contents(TARGET, contents); };
   at_most_ = 5;
   expect_transcript(read_target, R"(
 open target O_CLOEXEC 0: ERROR, 0 more calls, as it was
@@ -231,7 +232,8 @@ TEST_F(Io, ReadDeadline_ReadTimeout_ComputeTheTimeLeftAfresh) {
       {"four", true, 4, nanoseconds::max(), 0,
        "four, 9223371936 s 654775807 ns 4, 9223371936 s 554775807 ns 1"},
       {"", true, 1, 1s, -ECANCELED, ", 0 s 900000000 ns 1"},
-      {"", false, 1, nanoseconds::min(), -EINVAL, ""}};
+      {"", false, 1, nanoseconds::min(), -EINVAL, "<2>........."},
+      {"", false, 9, 1s, -EIO, "<3>, 0 s 900000000 ns"}};
   for (const auto& [waiting, closed, wanted, timeout, result, expected] : rows) {
     SCOPED_TRACE("A timeout of " + std::to_string(timeout.count()) + " ns");
     EXPECT_EQ(pipe(fds_.data()), 0);
@@ -240,13 +242,15 @@ TEST_F(Io, ReadDeadline_ReadTimeout_ComputeTheTimeLeftAfresh) {
     std::string buffer(9, '.');
     void* const to = wanted == 0 ? nullptr : buffer.data();
     int got = 0;
-    count_ = 0;
+    Texts calls;
+    count_ = 9;
     const auto start = std::chrono::steady_clock::now();
-    const Texts calls = calls_of(
-        [&, size = wanted, time = timeout] { got = read_timeout(0, to, size, &count_, time); },
-        {.at_most = 3});
+    const auto messages = messages_of([&, size = wanted, time = timeout] {
+      calls = calls_of([&] { got = read_timeout(0, to, size, &count_, time); },
+                       {.nth = size == 9 ? 3u : 0u, .error = EIO, .at_most = 3});
+    });
     EXPECT_GE(std::chrono::steady_clock::now() - start, wanted == 5 ? 50ms : 0ms);
-    std::string outcome = buffer.substr(0, count_);
+    std::string outcome = messages.substr(0, 3) + buffer.substr(0, count_);
     for (const std::string& call : calls) {
       if (call[0] == 'p') outcome.append(",") += call.substr(strlen("ppoll 0 POLLIN 1"));
       if (call[0] == 'r') outcome += call.substr(strlen("read 0"));
@@ -359,9 +363,8 @@ TEST_F(Io, RecvmsgFd_KeepsOneDescriptorAndClosesTheOthers) {
       {"the first too long", 0, {{1, CMSG_LEN(3 * sizeof(int))}}, " none open"},
       {"the second too long", 0, {{1, ONE}, {1, CMSG_LEN(3 * sizeof(int))}}, " kept open"}};
   int fd = 77;
-  const auto receive = [&] { return recvmsg_fd(9, nullptr, 0, &count_, &fd); };
-  EXPECT_EQ(calls_of([&] { EXPECT_EQ(receive(), -EINTR); }, {.nth = 1, .error = EINTR}),
-            Texts{"recvmsg 9 0"});
+  const auto receive = [&] { return recvmsg_fd(77, nullptr, 0, &count_, &fd); };
+  expect_transcript(receive, "\nrecvmsg 77 0: ERROR, 0 more calls\nno failure: -9, 0 more calls\n");
   EXPECT_EQ(std::tuple(count_, fd), std::tuple(77u, -1));
   for (const auto& [what, flags, messages, expected] : rows) {
     std::vector<int> fds;

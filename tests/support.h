@@ -38,6 +38,7 @@
 namespace vutil {
 
 using namespace std::chrono_literals;
+using namespace std::string_literals;
 using std::chrono::nanoseconds;
 using Texts = std::vector<std::string>;
 
@@ -212,8 +213,8 @@ inline void expect_lines(const std::string& text, const std::string& expected,
                          const std::string& note) {
   std::istringstream lines(text), expected_lines(expected);
   for (std::string before, line, expected_line; lines || expected_lines; before = line) {
-    std::getline(lines, line);
-    std::getline(expected_lines, expected_line);
+    if (!std::getline(lines, line)) line = "(end)";
+    if (!std::getline(expected_lines, expected_line)) expected_line = "(end)";
     ASSERT_EQ(line, expected_line) << "after the line \"" << before << "\"; " << note;
   }
 }
@@ -263,14 +264,15 @@ STAND_IN(ppoll, __ppoll_chk, int,
          (const pollfd* fds, nfds_t n, const timespec* t, void* a, void* b), fds, n, t, a, b)
 
 // While all allocations fail, there is no memory for the text of a message.
-#define WITHOUT_MEMORY(symbol, parameters, ...)                                           \
-  extern "C" int stand_in_##symbol parameters asm(#symbol);                               \
-  extern "C" int stand_in_##symbol parameters {                                           \
-    const auto real = reinterpret_cast<int(*) parameters>(dlsym(RTLD_NEXT, #symbol));     \
-    return interposer.failed && interposer.allocations_left > 0 ? -1 : real(__VA_ARGS__); \
+#define WITHOUT_MEMORY(symbol, parameters, ...)                                               \
+  extern "C" int stand_in_##symbol parameters asm(#symbol);                                   \
+  extern "C" int stand_in_##symbol parameters {                                               \
+    const auto real = reinterpret_cast<int(*) parameters>(dlsym(RTLD_NEXT, #symbol));         \
+    const int length = real(__VA_ARGS__);                                                     \
+    return interposer.failed && interposer.allocations_left > 0 ? (free(*text), -1) : length; \
   }
 WITHOUT_MEMORY(vasprintf, (char** text, const char* format, va_list list), text, format, list)
-WITHOUT_MEMORY(__vasprintf_chk, (char** a, int b, const char* c, va_list d), a, b, c, d)
+WITHOUT_MEMORY(__vasprintf_chk, (char** text, int b, const char* c, va_list d), text, b, c, d)
 
 }  // namespace vutil
 
