@@ -259,6 +259,7 @@ TEST_F(Io, ReadDeadline_ReadTimeout_ComputeTheTimeLeftAfresh) {
     ASSERT_EQ(buffer.find_first_not_of('.', count_), std::string::npos);
     for (int& fd : fds_) xclose(fd);
   }
+  EXPECT_EQ(read_timeout(77, &count_, 1, &count_, 0ns), -EBADF) << "it is not open";
 }
 
 TEST_F(Io, ReadDrain_GoesThroughABuffer) {
