@@ -27,7 +27,8 @@ class Io : public InDirectory {
       }
       for (size_t at = 0; (at = transcript.find(text, at)) != std::string::npos;)
         transcript.replace(at, text.size(), "ERROR");
-      if (transcript != expected) return expect_lines(transcript, expected, "ERROR is " + text);
+      if (transcript != expected)
+        return expect_lines(transcript, expected, "(ERROR is " + text + ")");
     }
   }
 
@@ -57,7 +58,7 @@ class Io : public InDirectory {
 
 TEST_F(Io, Checks_ReportTheirPinnedLinesAndTouchNothing) {
   const auto xclose = [](int fd) { return errno = 0, vutil::xclose(fd), fd - 77 + errno; };
-  const std::string xs(4095, 'x');
+  const std::string x(4095, 'x');
   char byte = 'b';
   iovec iov = {&byte, 1};
   int fd = 77;
@@ -80,23 +81,21 @@ TEST_F(Io, Checks_ReportTheirPinnedLinesAndTouchNothing) {
     ASSERT_AT(232, iovcnt >= 0, EINVAL, writev_all, 0, nullptr, -1, &count_);
     ASSERT_AT(233, iovcnt != 0 || iov == nullptr, EINVAL, writev_all, 0, &iov, 0, &count_);
     ASSERT_AT(266, !path.empty(), EINVAL, get_file_contents, "", out);
-    ASSERT_AT(269, to_null_terminated_path(cpath, path), ENAMETOOLONG, get_file_contents, xs, out);
+    ASSERT_AT(269, to_null_terminated_path(cpath, path), ENAMETOOLONG, get_file_contents, x, out);
     ASSERT_AT(333, !path.empty(), EINVAL, set_file_contents, "", "x", 0600);
-    ASSERT_AT(339, to_null_terminated_path(cpath, path), ENAMETOOLONG, set_file_contents, xs, "",
-              0);
+    ASSERT_AT(339, to_null_terminated_path(cpath, path), ENAMETOOLONG, set_file_contents, x, "", 0);
     ASSERT_AT(345, static_cast<size_t>(tmp_cpath_len) < sizeof(tmp_cpath), ENAMETOOLONG,
-              set_file_contents, xs.substr(3), "", 0);
+              set_file_contents, x.substr(3), "", 0);
     ASSERT_AT(384, !path.empty(), EINVAL, set_file_contents_inplace, "", "x");
-    ASSERT_AT(386, to_null_terminated_path(cpath, path), ENAMETOOLONG, set_file_contents_inplace,
-              xs, "x");
+    ASSERT_AT(386, to_null_terminated_path(cpath, path), ENAMETOOLONG, set_file_contents_inplace, x,
+              "x");
     ASSERT_AT(392, fd >= 0, EBADF, set_blocking, -1, true);
     ASSERT_AT(409, !path.empty(), EINVAL, fsync_path, "");
-    ASSERT_AT(412, to_null_terminated_path(cpath, path), ENAMETOOLONG, fsync_path, xs);
+    ASSERT_AT(412, to_null_terminated_path(cpath, path), ENAMETOOLONG, fsync_path, x);
     ASSERT_AT(428, !oldpath.empty(), EINVAL, rename_fsync, "", "");
-    ASSERT_AT(429, !newpath.empty(), EINVAL, rename_fsync, xs, "");
-    ASSERT_AT(432, to_null_terminated_path(c_oldpath, oldpath), ENAMETOOLONG, rename_fsync, xs, xs);
-    ASSERT_AT(434, to_null_terminated_path(c_newpath, newpath), ENAMETOOLONG, rename_fsync, "x",
-              xs);
+    ASSERT_AT(429, !newpath.empty(), EINVAL, rename_fsync, x, "");
+    ASSERT_AT(432, to_null_terminated_path(c_oldpath, oldpath), ENAMETOOLONG, rename_fsync, x, x);
+    ASSERT_AT(434, to_null_terminated_path(c_newpath, newpath), ENAMETOOLONG, rename_fsync, "x", x);
   });
   EXPECT_EQ(std::tuple(calls, count_, fd, out), std::tuple(Texts(), 77u, 77, "as it was"));
 }
@@ -235,7 +234,6 @@ TEST_F(Io, ReadDeadline_ReadTimeout_ComputeTheTimeLeftAfresh) {
       {"", false, 1, nanoseconds::min(), -EINVAL, "<2>........."},
       {"", false, 9, 1s, -EIO, "<3>, 0 s 900000000 ns"}};
   for (const auto& [waiting, closed, wanted, timeout, result, expected] : rows) {
-    SCOPED_TRACE("A timeout of " + std::to_string(timeout.count()) + " ns");
     EXPECT_EQ(pipe(fds_.data()), 0);
     EXPECT_EQ(write_all(fds_[1], waiting, nullptr), 0);
     if (closed) xclose(fds_[1]);
@@ -255,8 +253,9 @@ TEST_F(Io, ReadDeadline_ReadTimeout_ComputeTheTimeLeftAfresh) {
       if (call[0] == 'p') outcome.append(",") += call.substr(strlen("ppoll 0 POLLIN 1"));
       if (call[0] == 'r') outcome += call.substr(strlen("read 0"));
     }
-    ASSERT_EQ(std::pair(got, outcome), std::pair(result, expected));
-    ASSERT_EQ(buffer.find_first_not_of('.', count_), std::string::npos);
+    outcome += buffer.find_first_not_of('.', count_) == std::string::npos ? "" : ", and more";
+    ASSERT_EQ(std::pair(got, outcome), std::pair(result, expected))
+        << wanted << " bytes in " << timeout.count() << " ns";
     for (int& fd : fds_) xclose(fd);
   }
   EXPECT_EQ(read_timeout(77, &count_, 1, &count_, 0ns), -EBADF) << "it is not open";

@@ -91,7 +91,7 @@ TEST_F(KeyFiles, KeyFile_DropsRepeatedKeysWhileItReads) {
   }
   for (const auto& [key, value] : values) expected += key + "=" + value + "\n";
   interposer.largest = 0;
-  expect_lines(document_of(text), expected, "");
+  expect_lines(document_of(text), expected);
   EXPECT_LE(interposer.largest, 2 * text.size()) << "bytes at once: repeated keys are kept";
 }
 
@@ -152,9 +152,9 @@ TEST_F(KeyFiles, SetInteger_SetDouble_SetBoolean_SetString_Write_SaveText) {
   EXPECT_TRUE(file.setInteger("u", "i", 12345) && file.setDouble("u", "x", 0.5));
   std::locale::global(before);
   const auto set = [&] { EXPECT_TRUE(file.setDouble("s", "d4", -0.0)); };
-  ASSERT_EQ(messages_of([&] { calls_of(set, {.nth = 1, .error = EIO}); }),
-            "<3>Failed to unlink 'file.tmp': Input/output error\n"
-            "<3>Failed to save key file to 'file': Input/output error\n");
+  expect_lines(messages_of([&] { calls_of(set, {.nth = 1, .error = EIO}); }),
+               "<3>Failed to unlink 'file.tmp': Input/output error\n"
+               "<3>Failed to save key file to 'file': Input/output error\n");
   file.write();
   EXPECT_EQ(text_of("file"),
             "[s]\nb=false\nd1=123457\nd2=nan\nd3=1e+06\nd4=-0\ni=-2147483648\n"
@@ -176,7 +176,7 @@ TEST_F(KeyFiles, GetInteger_GetDouble_GetString_StoreDefaultsThroughTheCallback)
   EXPECT_EQ(outcome_of([&] { return file.getDouble("n", "x", real_, 1e-310); }),
             "<3>Failed to get n::x : stod\n0");
   EXPECT_TRUE(real_ == 3.14159 && !remove("file") && file.setInteger("n", "i", 4));  // again
-  EXPECT_EQ(seen, "111111") << "1 for each save, 0 for each file that is read";
+  ASSERT_EQ(seen, "111111") << "1 for each save, 0 for each file that is read";
   EXPECT_EQ(file.toString(), "[n]\ni=4\nt=" + text_ + "\nx=1e-310\nx2=3.14159\n");
   EXPECT_EQ(text_of("file"), file.toString() + "<");
   EXPECT_EQ(KeyFile("file", 0600, callback).toString(), file.toString());
@@ -250,7 +250,7 @@ TEST_F(KeyFiles, KeyFile_MovesItsDocumentAndLeavesASafeObject) {
   EXPECT_TRUE(first.setInteger("a", "k", 1));
   first = std::move(second);
   EXPECT_TRUE(first.setInteger("b", "k", 3));
-  EXPECT_EQ(text_of("first") + text_of("second"), "[a]\nk=1\n[b]\nk=3\n");
+  EXPECT_EQ(text_of("second"), "[b]\nk=3\n");
   EXPECT_EQ(owned.use_count(), 1) << "what was replaced is destroyed";
   const std::string messages = messages_of([&] {  // NOLINT(bugprone-use-after-move): it is safe
     EXPECT_EQ(second.toString(), "");             // NOLINT(clang-analyzer-cplusplus.Move)

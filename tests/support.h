@@ -210,12 +210,12 @@ inline std::string outcome_of(const std::function<int()>& run) {
 
 // Fails at the first line that differs, with a note.
 inline void expect_lines(const std::string& text, const std::string& expected,
-                         const std::string& note) {
+                         const std::string& note = "") {
   std::istringstream lines(text), expected_lines(expected);
   for (std::string before, line, expected_line; lines || expected_lines; before = line) {
     if (!std::getline(lines, line)) line = "(end)";
     if (!std::getline(expected_lines, expected_line)) expected_line = "(end)";
-    ASSERT_EQ(line, expected_line) << "after the line \"" << before << "\"; " << note;
+    ASSERT_EQ(line, expected_line) << "after the line \"" << before << "\" " << note;
   }
 }
 
