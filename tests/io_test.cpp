@@ -347,7 +347,7 @@ std::string bytes_of(const std::vector<ControlMessage>& messages, std::vector<in
   return bytes;
 }
 
-// What arrives, and the fate of each descriptor.
+// The flags and messages that arrive; "none" if no descriptor is given, and the fate of each.
 TEST_F(Io, RecvmsgFd_KeepsOneDescriptorAndClosesTheOthers) {
   constexpr size_t NONE = CMSG_LEN(0), ONE = CMSG_LEN(sizeof(int)), TWO = CMSG_LEN(2 * sizeof(int));
   const std::tuple<std::string, int, std::vector<ControlMessage>, std::string> rows[] = {

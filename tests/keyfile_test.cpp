@@ -216,8 +216,8 @@ TEST_F(KeyFiles, SetString_GetString_RefuseTextThatTheFormatCannotCarry) {
 TEST_F(KeyFiles, Accessors_ReportWhatTheCallbackThrowsAndFreeTheLock) {
   std::function<void()> act;
   std::optional<KeyFile> file;
-  for (const auto& [failure, succeeds, may_throw] : accessors_) {
-    SCOPED_TRACE(failure);
+  for (int row = 0; const auto& [failure, succeeds, may_throw] : accessors_) {
+    SCOPED_TRACE(testing::Message() << "row " << ++row << " of accessors_: " << failure);
     const auto prepare = [&](const std::function<void()>& action) {
       act = [] {};
       put("file", OLD);
@@ -271,18 +271,19 @@ TEST_F(KeyFiles, Accessors_SurviveEachFailedAllocation) {
   rows.push_back({"", [](KeyFile& file) { return file.write(), true; }, true});
   rows.push_back({"<3>Failed to read keyfile at file: ",
                   [](KeyFile&) { return KeyFile("file", 0600).toString() == OLD; }, true});
-  for (const auto& [failure, succeeds, may_throw] : rows) {
+  for (int row = 0; const auto& [failure, succeeds, may_throw] : rows) {
+    SCOPED_TRACE(testing::Message() << "row " << ++row << " of accessors_: " << failure);
     for (int nth = 1, failures = 2; failures > 0; ++nth) {
       failures = 0;
       for (const bool all : {false, true}) {
-        SCOPED_TRACE(testing::Message() << failure << nth << (all ? " and all later" : ""));
+        SCOPED_TRACE(testing::Message() << "allocation " << nth << (all ? " and all later" : ""));
         put("file", OLD);
         KeyFile file("file", 0600);
         bool done = false, thrown = false;
         interposer.failed = false;
         interposer.all_fail = all;
         const auto messages = messages_of([&, &succeeds = succeeds] {
-          interposer.allocations_left = nth;
+          interposer.allocations_left = nth;  // not before: messages_of allocates, too
           try {
             done = succeeds(file);
           } catch (const std::bad_alloc&) {

@@ -180,8 +180,8 @@ inline std::string text_of(const std::string& path) {
   return (std::ostringstream() << std::ifstream(path).rdbuf()).str();
 }
 
-// What `run` writes to standard error, and a line if it leaks a descriptor or closes another. Each
-// print changes errno; one of part of a line is marked.
+// What `run` writes to standard error, and a line if it leaks a descriptor, or closes another (-1).
+// Each print changes errno; one of part of a line is marked.
 inline std::string messages_of(const std::function<void()>& run) {
   const int open_before = open_descriptors();
   std::string messages;
@@ -197,7 +197,7 @@ inline std::string messages_of(const std::function<void()>& run) {
   run();
   fclose(std::exchange(stderr, standard_error));
   const int leaked = open_descriptors() - open_before;
-  if (leaked != 0) messages += "[" + std::to_string(leaked) + " descriptors leaked]\n";
+  if (leaked != 0) messages += "[" + std::to_string(leaked) + " more descriptors are open]\n";
   return messages;
 }
 
