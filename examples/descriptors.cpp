@@ -12,13 +12,15 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <chrono>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <string>
+#include <string_view>
+#include <system_error>
 #include <thread>
 
 #include "vutil/io.h"
@@ -122,16 +124,20 @@ int run(const char* path, milliseconds delay) {
   if (result == -ETIMEDOUT) return fail("no reply in time", result);
   if (result != 0) return fail("no reply", result);
   if (reply.result != 0) return fail(path, reply.result);
-  printf("%s has %u lines\n", path, static_cast<unsigned int>(reply.lines));
-  return 0;
+  const std::string text = std::string(path) + " has " + std::to_string(reply.lines) + " lines\n";
+  const int printed = vutil::write_all(STDOUT_FILENO, text, nullptr);
+  return printed == 0 ? 0 : fail("standard output", printed);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc < 2 || argc > 3) {
+  const std::string_view delay = argc == 3 ? argv[2] : "0";
+  unsigned int count = 0;
+  const auto [end, error] = std::from_chars(delay.data(), delay.data() + delay.size(), count);
+  if (argc < 2 || argc > 3 || error != std::errc() || end != delay.data() + delay.size()) {
     fprintf(stderr, "Usage: descriptors FILE [DELAY]\n");
     return 2;
   }
-  return run(argv[1], milliseconds(argc == 3 ? strtol(argv[2], nullptr, 10) : 0));
+  return run(argv[1], milliseconds(count));
 }

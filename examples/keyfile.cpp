@@ -1,10 +1,12 @@
 // Reads and changes a key file from the command line.
 //
 //   keyfile FILE                               prints the document
-//   keyfile FILE GET SECTION KEY [DEFAULT]     prints a value; an absent key is stored with DEFAULT
+//   keyfile FILE GET SECTION KEY [DEFAULT]     prints a value; an absent key gets DEFAULT, which is
+//                                              stored (or else an empty text, 0 or false)
 //   keyfile FILE set SECTION KEY VALUE         stores a value
 //   keyfile FILE load                          stores a value for each line "SECTION KEY VALUE" of
-//                                              standard input, and saves the file each time
+//                                              standard input, and saves the file each time; at a
+//                                              line "reload" it reads the file again
 //
 // GET is get, get-integer, get-double or get-boolean: the type that the text must have.
 // Exit status: 0; 1 on failure, with a message on standard error; 2 on wrong usage.
@@ -14,14 +16,13 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <exception>
 #include <iostream>
 #include <sstream>
 #include <stdexcept>
 #include <string>
 #include <string_view>
-#include <typeinfo>
+#include <system_error>
 #include <vector>
 
 #include "vutil/io.h"
@@ -32,79 +33,90 @@ enum ExitStatus : int { SUCCESS = 0, FAILURE = 1, WRONG_USAGE = 2 };
 
 constexpr unsigned int FILE_MODE = 0640;
 
-ExitStatus print(std::string_view text) {
-  return vutil::write_all(STDOUT_FILENO, text, nullptr) == 0 ? SUCCESS : FAILURE;
+// A file that exists but cannot be read would give an empty document, and the next save would
+// replace the file.
+vutil::KeyFile read_settings(const std::string& file) {
+  std::string text;
+  const int result = vutil::get_file_contents(file, text);
+  if (result != 0 && result != -ENOENT) {
+    throw std::system_error(-result, std::generic_category(), file);
+  }
+  return vutil::KeyFile(file, FILE_MODE);
+}
+
+void print(std::string_view text) {
+  const int result = vutil::write_all(STDOUT_FILENO, text, nullptr);
+  if (result != 0) throw std::system_error(-result, std::generic_category(), "standard output");
 }
 
 // A setter's `true` means that the value is in the document. Whether it was saved shows in the
 // file.
-bool is_saved(const std::string& file, const vutil::KeyFile& settings) {
+bool set(vutil::KeyFile& settings, const std::string& file, const std::string& section,
+         const std::string& key, const std::string& value) {
+  if (!settings.setString(section, key, value)) return false;
   std::string text;
-  return vutil::get_file_contents(file, text) == 0 && text == settings.toString();
+  if (vutil::get_file_contents(file, text) == 0 && text == settings.toString()) return true;
+  throw std::runtime_error(file + " does not hold the change");
 }
 
-bool load(vutil::KeyFile& settings, std::istream& input) {
+bool load(vutil::KeyFile& settings, const std::string& file, std::istream& input) {
   for (std::string line; std::getline(input, line);) {
+    if (line == "reload") {  // what somebody else has changed would be lost at the next save
+      settings = read_settings(file);
+      continue;
+    }
     std::istringstream words(line);
     std::string section;
     std::string key;
     std::string value;
     words >> section >> key >> std::ws;
     std::getline(words, value);
-    if (!settings.setString(section, key, value)) return false;
+    if (!set(settings, file, section, key, value)) return false;
   }
   return true;
 }
 
-// Gets a value of the type that the command names, as text; `argument` is the default.
-bool get(vutil::KeyFile& settings, const std::string& command, const std::string& section,
-         const std::string& key, const std::string& argument, std::string& value) {
-  if (command == "get") return settings.getString(section, key, value, argument);
-  bool is_read = false;
-  std::ostringstream text;
-  if (command == "get-integer") {
-    int number = 0;
-    const long fallback = strtol(argument.c_str(), nullptr, 0);
-    is_read = settings.getInteger(section, key, number, static_cast<int>(fallback));
-    text << number;
-  } else if (command == "get-double") {
-    double number = 0;
-    is_read = settings.getDouble(section, key, number, strtod(argument.c_str(), nullptr));
-    text << number;
-  } else {
-    bool truth = false;
-    is_read = settings.getBoolean(section, key, truth, argument == "true");
-    text << (truth ? "true" : "false");
+template <typename T>
+using Getter = bool (vutil::KeyFile::*)(const std::string&, const std::string&, T&, T);
+
+// Prints a value of one type. The default must be of that type too.
+template <typename T>
+bool get(vutil::KeyFile& settings, Getter<T> getter, const std::vector<std::string>& arguments) {
+  T fallback = {};
+  if (arguments.size() == 5) {
+    std::istringstream input(arguments[4]);
+    if (!(input >> std::boolalpha >> fallback) || input.rdbuf()->in_avail() > 0) {
+      throw std::invalid_argument("the default is of another type: " + arguments[4]);
+    }
   }
-  value = text.str();
-  return is_read;
+  T value = {};
+  if (!(settings.*getter)(arguments[2], arguments[3], value, fallback)) return false;
+  std::ostringstream output;
+  output << std::boolalpha << value << '\n';
+  print(output.str());
+  return true;
 }
 
-ExitStatus run(const std::vector<std::string>& arguments) {
+bool run(const std::vector<std::string>& arguments) {
+  using vutil::KeyFile;
   const std::string& file = arguments[0];
-  // A file that exists but cannot be read would give an empty document, and the next save would
-  // replace the file.
-  std::string text;
-  const int result = vutil::get_file_contents(file, text);
-  if (result != 0 && result != -ENOENT) return FAILURE;
-
-  vutil::KeyFile settings(file, FILE_MODE);
-  if (arguments.size() == 1) return print(settings.toString());
-
+  KeyFile settings = read_settings(file);
+  if (arguments.size() == 1) {
+    print(settings.toString());
+    return true;
+  }
   const std::string& command = arguments[1];
-  if (command == "load") {
-    return load(settings, std::cin) && is_saved(file, settings) ? SUCCESS : FAILURE;
-  }
-  const std::string& section = arguments[2];
-  const std::string& key = arguments[3];
-  const std::string argument = arguments.size() == 5 ? arguments[4] : "";
-  if (command == "set") {
-    const bool is_set = settings.setString(section, key, argument);
-    return is_set && is_saved(file, settings) ? SUCCESS : FAILURE;
-  }
+  if (command == "load") return load(settings, file, std::cin);
+  if (command == "set") return set(settings, file, arguments[2], arguments[3], arguments[4]);
+  if (command == "get-integer") return get(settings, &KeyFile::getInteger, arguments);
+  if (command == "get-double") return get(settings, &KeyFile::getDouble, arguments);
+  if (command == "get-boolean") return get(settings, &KeyFile::getBoolean, arguments);
+
+  const std::string fallback = arguments.size() == 5 ? arguments[4] : "";
   std::string value;
-  if (!get(settings, command, section, key, argument, value)) return FAILURE;
-  return print(value + "\n");
+  if (!settings.getString(arguments[2], arguments[3], value, fallback)) return false;
+  print(value + "\n");
+  return true;
 }
 
 bool is_valid(const std::vector<std::string>& arguments) {
@@ -122,7 +134,7 @@ bool is_valid(const std::vector<std::string>& arguments) {
 int main(int argc, char** argv) {
   try {
     const std::vector<std::string> arguments(argv + 1, argv + argc);
-    if (is_valid(arguments)) return run(arguments);
+    if (is_valid(arguments)) return run(arguments) ? SUCCESS : FAILURE;
     fprintf(stderr,
             "Usage: keyfile FILE\n"
             "       keyfile FILE get[-integer|-double|-boolean] SECTION KEY [DEFAULT]\n"
@@ -130,9 +142,7 @@ int main(int argc, char** argv) {
             "       keyfile FILE load\n");
     return WRONG_USAGE;
   } catch (const std::exception& error) {
-    // For malformed text the library has written a message. Other exceptions that derive from
-    // std::logic_error come without one.
-    if (typeid(error) != typeid(std::logic_error)) fprintf(stderr, "keyfile: %s\n", error.what());
+    fprintf(stderr, "keyfile: %s\n", error.what());
     return FAILURE;
   }
 }
