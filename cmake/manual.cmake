@@ -1,5 +1,5 @@
-# The HTML manual: a short front page, then the comments of the public headers. Built with the rest;
-# anything that Doxygen warns about fails the build.
+# The HTML manual: a short front page, the comments of the public headers, the format of key files
+# and the list of changes. Built with the rest; anything that Doxygen warns about fails the build.
 find_package(Doxygen REQUIRED)
 
 set(DOXYGEN_PROJECT_NAME libvemra-util)
@@ -21,6 +21,7 @@ set(DOXYGEN_MACRO_EXPANSION YES)
 set(DOXYGEN_EXPAND_ONLY_PREDEF YES)
 set(DOXYGEN_PREDEFINED VUTIL_EXPORT=)
 set(DOXYGEN_QUIET YES)
+set(DOXYGEN_WARN_IF_INCOMPLETE_DOC NO)
 set(DOXYGEN_WARN_AS_ERROR FAIL_ON_WARNINGS)
 
 # Doxygen 1.9 drops attributes; this one is part of the interface.
@@ -35,7 +36,7 @@ if(MANUAL_STYLE)
     ${MANUAL_STYLE}/doxygen-awesome.css ${MANUAL_STYLE}/doxygen-awesome-sidebar-only.css)
 endif()
 
-doxygen_add_docs(manual docs/manual.md CHANGELOG.md include/vutil ALL
+doxygen_add_docs(manual docs/manual.md docs/format.md CHANGELOG.md include/vutil ALL
   COMMENT "Building the HTML manual")
 if(VEMRA_UTIL_INSTALL)
   install(DIRECTORY ${DOXYGEN_OUTPUT_DIRECTORY}/html

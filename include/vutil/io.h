@@ -1,33 +1,49 @@
-/// @defgroup io vutil/io.h Careful wrappers over descriptor and file calls.
+/// @defgroup io vutil/io.h
+/// Careful wrappers over descriptor and file calls.
 ///
-/// Unless a function says otherwise, all this holds for it:
+/// - *Descriptors:* xclose(), set_blocking(), write_all(), writev_all(), recvmsg_fd()
+/// - *Reading before a deadline:* read_deadline(), read_timeout(), read_drain()
+/// - *Whole files:* get_file_contents(), set_file_contents(), set_file_contents_inplace()
+/// - *Making durable:* fsync_path(), rename_fsync()
 ///
-/// - **Results.** The result is 0 on success and a negated errno value on failure, for example
-///   `-ENOENT` (errno(3)). Byte counts are delivered through `size_t*` parameters.
-/// - **Checks.** A function first checks its arguments. A failed check touches nothing, writes a
-///   `<2>` message and gives the result that is marked "(check)" below. It never stops the process.
-/// - **Messages.** A message is one line on standard error, in one write(2), that begins with a
-///   priority (sd-daemon(3)): `<2>` a check failed, `<3>` the operation failed, `<4>` it succeeded
-///   with a reservation. Where no `<3>` or `<4>` message is mentioned, none is written. Paths are
-///   printed as they are, line feeds included. A program that takes paths from others must check
-///   them, or others can forge its messages.
-/// - **No retries.** EINTR and EAGAIN are failures like any other: the caller knows whether a
-///   signal or a full pipe is a reason to stop, the library does not.
-/// - **Descriptors.** A descriptor that is passed in stays the caller's. A descriptor that a
-///   function opens has O_CLOEXEC and is closed before the function returns or throws. A process
-///   should keep its descriptors 0, 1 and 2 open: otherwise a file that the library opens may get
-///   the number 2, and a message is written into that file.
-/// - **Paths.** A path has 1 to 4,094 bytes and needs no NUL at its end. The system sees it up to
-///   its first NUL byte. A name in it may have as many bytes as the file system allows (most often
-///   255). Symbolic links are followed.
-/// - **Waiting.** A function waits as long as the system calls that it makes. On a descriptor in
-///   blocking mode, and to open a FIFO that nobody has open at its other end, that may be for ever.
-/// - **Exceptions.** Only get_file_contents() throws.
-/// - **Cancellation.** Do not cancel a thread (pthread_cancel(3)) that may be in a function of this
-///   library: the process may end, or a descriptor leak.
-/// - **Threads.** The functions keep no state and take no lock. They may run in any number of
-///   threads, but no two calls at a time may use the same descriptor or buffer, or write to the
-///   same path.
+/// What holds for all of them, unless a comment says otherwise:
+///
+/// - **Results.** A function returns 0 on success and a negated errno value on failure, for example
+///   `-ENOENT` (errno(3)). Byte counts are delivered through `size_t*` parameters, on success and
+///   on failure, but not after a failed check. Only get_file_contents() can throw an exception.
+/// - **Checks.** A function checks its arguments first. If a check fails, the function writes a
+///   `<2>` message, does nothing else, and returns the error that is marked "(check)". Three checks
+///   are common and not repeated below: a negative descriptor gives -EBADF, an empty path -EINVAL,
+///   and a path of more than 4,094 bytes -ENAMETOOLONG.
+/// - **Errors of the system.** The comments name the results that a program meets in normal use.
+///   Any other error that a system call reports is returned too, negated; and an error that is
+///   named below may have another cause as well. The manual pages behind "See" tell.
+/// - **Waiting.** Nothing is retried: EINTR and EAGAIN are failures like any other. Only the three
+///   functions that read before a deadline limit the time for which they wait. To write, connect or
+///   receive a descriptor before a deadline, put the descriptor in non-blocking mode and wait with
+///   poll(2) first.
+/// - **Messages.** A message is one line on `stderr`, in one write(2) if there is memory for that.
+///   It begins with a priority (sd-daemon(3)): `<2>` a check failed, `<3>` the operation failed,
+///   `<4>` it succeeded, with a warning. Where no `<3>` or `<4>` message is mentioned, none is
+///   written. Tools may match the fixed words of a message, and the line of src/io.cpp in a `<2>`
+///   message: they stay the same in all versions 0.x. The text of an error is the system's
+///   (strerror(3)). To write a message takes the lock of `stderr` (flockfile(3)), waits if standard
+///   error is a full pipe, and can raise a signal. Its failure is ignored.
+/// - **Signals.** By default two signals end a process that writes, messages included: SIGPIPE if
+///   nobody reads from the pipe or stream socket (if ignored: -EPIPE), and SIGXFSZ if a write goes
+///   beyond RLIMIT_FSIZE (if ignored: -EFBIG). Do not call these functions in a signal handler.
+/// - **Descriptors.** A descriptor that is passed in stays the caller's. One that a function opens
+///   has O_CLOEXEC, and is closed before the function returns or throws. Keep the descriptors 0, 1
+///   and 2 of a process open: otherwise a file that the library opens may get the number 2, and a
+///   message goes into that file.
+/// - **Paths.** A path needs no NUL byte at its end, and must not hold one (this is not checked).
+///   Symbolic links are followed. Messages show paths as they are, line feeds included: a program
+///   that takes paths from others must check them, or others can forge its messages.
+/// - **Threads.** The functions keep no state and may run in any number of threads. What must not
+///   happen at the same time: two calls that read from one descriptor, two that write to one, the
+///   closing of a descriptor that a call uses, and two calls that write to one path, even in two
+///   processes. Do not cancel a thread (pthread_cancel(3)) that may be in the library: the process
+///   may end, or a descriptor leak.
 #ifndef VUTIL_IO_H_
 #define VUTIL_IO_H_
 
@@ -51,26 +67,22 @@ namespace vutil {
 
 /// Closes the descriptor in a variable and sets the variable to -1. See close(2).
 ///
-/// It is made for clean-up on every way out of a function: it may be called any number of times on
-/// one variable, and it never changes errno.
+/// It is made for clean-up on every way out of a function: it may be called again and again, and it
+/// never changes errno.
 ///
-/// @param fd  the variable. A negative value means that it holds no descriptor: no system call is
-///   made, and the value stays. Otherwise the value is -1 afterwards, also if close(2) failed with
-///   EINTR, EIO or the like: Linux has released the descriptor by then, and closing it again could
-///   close one of another thread. The value stays only if it was not an open descriptor (EBADF); a
-///   `<2>` message reports this fault of the program.
+/// @param fd  the variable. If it is negative, it holds no descriptor, and nothing is done.
+///   Otherwise it is -1 afterwards, even if close(2) failed with EINTR or EIO: Linux has released
+///   the descriptor by then, and to close it again could close one of another thread. Only a number
+///   that is not an open descriptor stays; a `<2>` message reports this fault of the program.
 VUTIL_EXPORT void xclose(int& fd);
 
-/// Puts a descriptor in blocking or non-blocking mode. See O_NONBLOCK in fcntl(2).
+/// Puts a descriptor in blocking mode (true) or non-blocking mode (false). See O_NONBLOCK in
+/// fcntl(2).
 ///
 /// The mode belongs to the open file description: it changes for every duplicate of the descriptor,
 /// in other processes too. The other status flags stay.
 ///
-/// @param fd  an open descriptor.
-/// @param blocking  true clears O_NONBLOCK, false sets it.
-/// @retval 0  the mode is set.
-/// @retval -EBADF  `fd` is negative (check), or is not open.
-/// @returns otherwise the negated errno of fcntl(2).
+/// @returns 0, or -EBADF if `fd` is not open.
 [[nodiscard]] VUTIL_EXPORT int set_blocking(int fd, bool blocking);
 
 /// Writes a whole buffer, in as many calls as it takes. See write(2).
@@ -86,85 +98,64 @@ VUTIL_EXPORT void xclose(int& fd);
 /// }
 /// ~~~
 ///
-/// By default two signals end the process: SIGPIPE if nobody reads from the pipe or socket (if it
-/// is ignored, the result is -EPIPE), and SIGXFSZ if a file would grow beyond RLIMIT_FSIZE (if it
-/// is ignored, -EFBIG). A signal with a handler can give -EINTR only while a write(2) has taken no
-/// byte yet; otherwise the call goes on with the rest.
-///
-/// @param fd  a descriptor open for writing.
 /// @param data  the bytes. If there are none, no system call is made.
-/// @param bytes_written_out  receives the number of bytes written, on success and on failure;
-///   untouched after a failed check. May be null.
-/// @retval 0  everything was written.
-/// @retval -EBADF  `fd` is negative (check), or is not open for writing.
-/// @retval -EAGAIN  `fd` is non-blocking and takes no more now.
-/// @retval -EIO  the device took no bytes, or reported this error.
-/// @returns otherwise the negated errno of write(2).
+/// @param bytes_written_out  receives the number of bytes written. May be null.
+/// @retval -EAGAIN  the descriptor takes no more now.
+/// @retval -EIO  the device failed, or took no bytes.
 [[nodiscard]] VUTIL_EXPORT int write_all(int fd, std::string_view data,
                                          std::size_t* bytes_written_out);
 
 /// Writes an array of buffers in order, in as many calls as it takes. See writev(2).
 ///
-/// The array is the record of progress: afterwards it describes exactly what was not written. An
-/// entry that was written whole has length 0; one that was written in part begins at its first
-/// unwritten byte. So after -EAGAIN or -EINTR the same array can be passed again. For signals see
-/// write_all().
+/// The array is the record of progress: afterwards it describes what was not written. An entry that
+/// was written whole has length 0, and one that was written in part begins at its first unwritten
+/// byte. So after -EAGAIN or -EINTR the same array can be passed again.
 ///
-/// @param fd  a descriptor open for writing.
 /// @param iov  the buffers, changed as described. Must be null if `iovcnt` is 0.
-/// @param iovcnt  the number of buffers, from 0 to IOV_MAX (1,024).
-/// @param bytes_written_out  receives the number of bytes that this call wrote, on success and on
-///   failure; untouched after a failed check. May be null.
-/// @retval 0  everything was written (or the device took 0 bytes without an error).
-/// @retval -EBADF  `fd` is negative (check), or is not open for writing (with a `<3>` message).
+/// @param bytes_written_out  receives the number of bytes that this call wrote. May be null.
+/// @retval 0  all was written, or the device took no bytes and reported no error.
+/// @retval -EAGAIN  as in write_all(), but **with a `<3>` message**, like every failure of
+///   writev(2).
 /// @retval -EINVAL  `iovcnt` is negative, or is 0 while `iov` is not null (check); or the array is
-///   too large for writev(2) (with a `<3>` message).
-/// @returns otherwise the negated errno of writev(2), with a `<3>` message; -EFAULT if `iov` is
-///   null while `iovcnt` is not 0.
+///   too large for writev(2).
 [[nodiscard]] VUTIL_EXPORT int writev_all(int fd, struct iovec* iov, int iovcnt,
                                           std::size_t* bytes_written_out);
 
-/// Receives data once, and at most one descriptor that was passed with it. See recvmsg(2), unix(7),
-/// cmsg(3).
+/// Receives data once from a local (AF_UNIX) socket, and at most one descriptor that was passed
+/// with it. See recvmsg(2), unix(7), cmsg(3).
 ///
 /// ~~~{.cpp}
-/// // Gives the descriptor that a peer passes along with one byte, or a negated errno value.
+/// // Gives the descriptor that comes along with one byte, or a negated errno value.
 /// int receive_descriptor(int socket) {
 ///   char byte = 0;
 ///   struct iovec buffer = {&byte, 1};
 ///   std::size_t count = 0;
 ///   int fd = -1;
 ///   const int result = vutil::recvmsg_fd(socket, &buffer, 1, &count, &fd);
-///   if (result != 0) return result;
-///   return fd < 0 ? -EBADMSG : fd;  // -1: the peer passed none
+///   if (result == 0 && fd >= 0) fcntl(fd, F_SETFD, FD_CLOEXEC);
+///   return result != 0 ? result : fd >= 0 ? fd : -EBADMSG;
 /// }
 /// ~~~
 ///
-/// Further descriptors that come with the data are closed, and all of them on failure: a peer
-/// cannot make the caller leak one. The descriptor of the sender itself, which a socket with
-/// SO_PASSPIDFD adds, is closed too. (There is room for ten on 32-bit ARM, for nine on x86-64, and
-/// for fewer on a socket with SO_PASSCRED; the kernel drops the rest.)
+/// The descriptor is *not* close-on-exec. If another thread may call fork(2), hold a lock around
+/// this call and FD_CLOEXEC, and the same lock around fork(2). All further descriptors that come
+/// are closed, and on failure all: a sender cannot make the caller leak one.
 ///
-/// @param fd  a local (AF_UNIX) socket.
-/// @param iov  buffers for the data, with room for at least one byte in all. Must be null if
-///   `iovcnt` is 0.
-/// @param iovcnt  the number of buffers, from 0 to IOV_MAX (1,024).
-/// @param bytes_received_out  receives the number of bytes, on success and if a datagram was
-///   truncated; untouched on every other failure. Must not be null: this is not checked.
-/// @param result_fd  receives the descriptor, which is *not* close-on-exec and belongs to the
-///   caller. Receives -1 on failure, if none was passed, and if the process had no number free for
-///   it (RLIMIT_NOFILE). Untouched after a failed check.
-/// @retval 0  data was received. On a stream it is what fitted, and the next call gives more.
-/// @retval -ECANCELED  no data came: the peer has closed the connection, the datagram was empty, or
-///   the buffers have no room. Without room, a waiting datagram is lost; a stream keeps its data
-///   but loses a descriptor that waits with it.
+/// @param iov  buffers for the data, with room for at least one byte in all: without room, a
+///   waiting datagram or descriptor may be lost. Must be null if `iovcnt` is 0.
+/// @param bytes_received_out  receives the number of bytes, on success and with -EMSGSIZE;
+///   untouched on every other failure. Must not be null (this is not checked).
+/// @param result_fd  receives the descriptor, which belongs to the caller; or -1 on failure, if
+///   none was passed, and if the process has too many open (RLIMIT_NOFILE). Untouched after a
+///   failed check.
+/// @retval 0  data was received. On a stream that may be a part of what was sent, and the next call
+///   gives more.
+/// @retval -ECANCELED  no data came, or there was no room. On a stream, the connection has ended.
+///   On other sockets nothing tells the end from an empty datagram: let each datagram hold a byte.
 /// @retval -EMSGSIZE  a datagram was truncated: the buffers hold its beginning, the rest is lost.
-///   Or `iovcnt` is too large.
-/// @retval -EBADF  `fd` is negative (check), or is not open.
+/// @retval -EAGAIN  nothing is there now.
 /// @retval -EINVAL  `iovcnt` is negative, or is 0 while `iov` is not null, or `result_fd` is null
 ///   (check).
-/// @returns otherwise the negated errno of recvmsg(2), for example -EAGAIN in non-blocking mode, or
-///   -EFAULT if `iov` is null while `iovcnt` is not 0.
 [[nodiscard]] VUTIL_EXPORT int recvmsg_fd(int fd, struct iovec* iov, int iovcnt,
                                           std::size_t* bytes_received_out, int* result_fd);
 ///@}
@@ -188,63 +179,47 @@ VUTIL_EXPORT void xclose(int& fd);
 /// }
 /// ~~~
 ///
-/// No wait lasts beyond the deadline, however many reads it takes. The deadline bounds the waiting
-/// only: as long as bytes are there, they are read, until there are `len` of them.
+/// No wait lasts beyond the deadline, however many reads it takes. What is there already is read
+/// even after the deadline.
 ///
-/// A descriptor in blocking mode must give a byte whenever ppoll(2) reports that it is readable, or
-/// the call waits beyond the deadline. So nobody else may read from it. A terminal with VMIN above
-/// 1, or a socket with SO_RCVLOWAT above 1, must be in non-blocking mode.
+/// After a failure the bytes that came are in the buffer. A program may read the rest, to `vbuffer`
+/// plus the count. If it does not, it must close the connection: in the middle of a frame it cannot
+/// tell where the next one begins.
 ///
-/// @param fd  a descriptor open for reading: a pipe, a socket, a terminal or another character
-///   device. (A regular file is always readable.)
-/// @param vbuffer  receives the bytes. May be null only if `len` is 0.
+/// It is made for pipes, stream sockets and character devices. Short datagrams would be joined, and
+/// the end of a long one lost. A descriptor in blocking mode must give a byte when ppoll(2) says
+/// that it is readable, or the call waits beyond the deadline: let nobody else read from it, and
+/// leave SO_RCVLOWAT of a socket and VMIN of a terminal at 1.
+///
+/// @param fd  a descriptor open for reading. (The writing end of a pipe never becomes readable.)
 /// @param len  the number of bytes wanted. If it is 0, no system call is made.
-/// @param bytes_read_out  receives the number of bytes read, on success and on failure; untouched
-///   after a failed check. Must not be null.
 /// @param deadline  a point in time, in nanoseconds on CLOCK_MONOTONIC (clock_gettime(2)), the
-///   clock of libstdc++'s `std::chrono::steady_clock`. Must not be negative.
-///   `std::chrono::nanoseconds::max()` waits for ever. (For a 32-bit program, a kernel before
-///   Linux 5.1 refuses to wait for 68 years or more: -EOVERFLOW.)
-/// @retval 0  all `len` bytes were read.
-/// @retval -ETIMEDOUT  the deadline passed first. The writing end of a pipe, which is never
-///   readable, gives this too.
-/// @retval -ECANCELED  a read gave 0 bytes: the end of a file, a closed connection, an empty
-///   datagram, the end-of-file character or a hang-up of a terminal.
-/// @retval -EAGAIN  in non-blocking mode, a read gave no byte although ppoll(2) had reported `fd`
-///   as readable.
-/// @retval -EBADF  `fd` is negative (check), or is not open for reading.
+///   clock of libstdc++'s `std::chrono::steady_clock`. It stands still while the system is
+///   suspended. `std::chrono::nanoseconds::max()` waits for ever. (For a 32-bit program, a kernel
+///   before Linux 5.1 refuses to wait for 68 years or more: -EOVERFLOW.)
+/// @retval -ETIMEDOUT  the deadline passed first.
+/// @retval -ECANCELED  a read gave 0 bytes: the file or the connection has ended, or a datagram was
+///   empty.
+/// @retval -EINTR  a signal handler has run. A failure of ppoll(2), as this mostly is, writes a
+///   `<3>` message; one of read(2) writes none.
 /// @retval -EFAULT  `vbuffer` is null while `len` is not 0, or `bytes_read_out` is null (check).
 /// @retval -EINVAL  `deadline` is negative (check).
-/// @returns otherwise the negated errno of ppoll(2), with a `<3>` message, or of read(2).
 [[nodiscard]] VUTIL_EXPORT int read_deadline(int fd, void* vbuffer, std::size_t len,
                                              std::size_t* bytes_read_out,
                                              std::chrono::nanoseconds deadline);
 
-/// Reads exactly `len` bytes within a time from now: read_deadline() with now plus `timeout`.
+/// Calls read_deadline() with the deadline now plus `timeout`. Messages name that function.
 ///
-/// @param fd  as in read_deadline().
-/// @param vbuffer  as in read_deadline().
-/// @param len  as in read_deadline().
-/// @param bytes_read_out  as in read_deadline().
-/// @param timeout  nanoseconds from now. With 0 the call does not wait: it reads what is there, and
-///   what arrives meanwhile. A negative time is a deadline in the past, or gives -EINVAL if that
-///   point lies before the clock's zero. A time beyond the clock's range waits for ever.
-/// @returns what read_deadline() returns. The messages are those of read_deadline() and name it.
+/// @param timeout  nanoseconds from now. With 0 the call does not wait: it reads what is there. A
+///   negative time is a deadline in the past; one before the start of the clock gives -EINVAL
+///   (check). A time that is too long for the clock waits for ever.
 [[nodiscard]] VUTIL_EXPORT int read_timeout(int fd, void* vbuffer, std::size_t len,
                                             std::size_t* bytes_read_out,
                                             std::chrono::nanoseconds timeout);
 
-/// Reads and discards exactly `len` bytes before a deadline, through a buffer of 16 KiB on the
-/// stack.
+/// Reads exactly `len` bytes before a deadline, as read_deadline() does, and discards them.
 ///
-/// @param fd  as in read_deadline().
-/// @param len  the number of bytes to discard. If it is 0, no system call is made.
-/// @param deadline  as in read_deadline().
-/// @retval 0  `len` bytes were read and discarded.
-/// @retval -EBADF  `fd` is negative (check), or is not open for reading.
-/// @retval -EINVAL  `deadline` is negative (check).
-/// @returns otherwise the failure of read_deadline(), with its messages. How many bytes were
-///   discarded by then is not reported.
+/// How many were discarded before a failure is not reported. The buffer, 16 KiB, is on the stack.
 [[nodiscard]] VUTIL_EXPORT int read_drain(int fd, std::size_t len,
                                           std::chrono::nanoseconds deadline);
 ///@}
@@ -252,90 +227,68 @@ VUTIL_EXPORT void xclose(int& fd);
 /// @name Whole files
 ///@{
 
-/// Reads a whole regular file into a string. See open(2), lseek(2), read(2).
+/// Reads a whole file into a string. See open(2), lseek(2), read(2).
 ///
-/// The size is asked for first, so the call costs at most one allocation, and for up to
-/// 2,147,479,552 bytes one read request. What is read while somebody else writes to the file may
-/// come mixed from before and after the change.
+/// It is made for regular files, and works for attributes in /sys too. Files that do not tell their
+/// size, as in /proc, /sys/fs/cgroup or tracefs, pipes and terminals give a failure or, **without a
+/// message, an empty string**; a directory gives a failure or an exception. What is read while
+/// somebody writes into the file may be mixed from before and after.
 ///
-/// Other files do not report their true size. Attributes in /sys are read correctly all the same.
-/// Most files in /proc, pipes and character devices give a failure or an empty string. A directory
-/// gives a failure or, on ext4 for example, an exception.
-///
-/// @param path  the file.
-/// @param contents  receives the bytes in place of what it held. Unchanged if opening or seeking
-///   fails; unspecified if reading fails or the function throws.
-/// @retval 0  the file was read.
-/// @retval -ENOENT  there is no such file. Only this failure writes no message.
-/// @retval -EINVAL  `path` is empty (check), or the file has no size (with a `<3>` message).
-/// @retval -ENAMETOOLONG  `path` is too long (check), or a name in it is (with a `<3>` message).
-/// @returns otherwise the negated errno of the call that failed, with a `<3>` message.
-/// @throws std::length_error  the size is more than a string can have (without a message).
-/// @throws std::bad_alloc  there is not enough memory (without a message).
+/// @param contents  receives the bytes in place of what it held. Unchanged if the file cannot be
+///   opened or positioned; unspecified if it cannot be read, and after an exception.
+/// @retval -ENOENT  there is no such file. Every other error of the system writes a `<3>` message.
+/// @throws std::length_error  the file is larger than a string can be; std::bad_alloc if there is
+///   not enough memory.
 [[nodiscard]] VUTIL_EXPORT int get_file_contents(std::string_view path, std::string& contents);
 
 /// Replaces a file durably, or creates it. See open(2), fsync(2), chmod(2), rename(2).
 ///
 /// After a crash or power cut at any moment, the path holds the old contents or the new ones,
 /// whole; if there was no file, none or the new one. Once the call has returned 0 without a
-/// message, the new contents stay. That holds as far as the file system and the device do what
-/// fsync(2) and rename(2) promise. **FAT does not,** unless it is mounted with `sync`: what was
-/// saved last may be lost, and the file may be empty. Nor does FAT keep permission bits.
+/// message, the new contents stay. That holds if the file system and the device do what fsync(2)
+/// and rename(2) promise. **FAT does not,** unless it is mounted with `sync`: what was saved last
+/// may be lost, and the file may be empty.
 ///
-/// The new contents go to a temporary file: the path with `.tmp` appended. It is flushed, given its
-/// permission bits and renamed over the path; then the directory is flushed.
+/// The new contents go to a temporary file, the path with `.tmp` appended; an older one is removed
+/// first. It is flushed, gets its permission bits and is renamed over the path. Then the directory
+/// is flushed.
 ///
-/// - If an older temporary file is in the way, it is removed first.
-/// - A failure before the rename leaves the path as it was, and removes the new temporary file.
-/// - If the rename fails, or the process or the system stops before it, the temporary file stays
-///   until the next call.
-/// - If only the flush of the directory fails, the file has been replaced: the result is 0, and a
-///   `<4>` message says that a crash may still bring back the old contents.
-/// - The permission bits are set after the flush: a crash soon after the call may leave only those
-///   bits of `mode` that the umask permits.
-///
-/// What becomes of the file at the path:
-///
-/// - A symbolic link, FIFO, socket or device node is replaced, not followed or written to. A
-///   directory is not replaced: -EISDIR.
-/// - Other hard links keep the old contents.
-/// - A file that is a mount point itself, as containers have them, cannot be replaced: -EBUSY.
+/// - The process must be allowed to write to and search the directory, and to read it for the
+///   flush. If that flush fails, the file has been replaced: the result is 0, a `<4>` message names
+///   the directory, and a crash may bring back the old contents.
+/// - A failure before the rename leaves the path as it was and removes the temporary file. If the
+///   rename fails, or the process ends before it, the temporary file stays until the next call.
+/// - A crash soon after the call may leave fewer permission bits than `mode` has.
+/// - A symbolic link, FIFO, socket or device node at the path is replaced, not followed or written
+///   to. A directory (-EISDIR), and a file that is itself a mount point (-EBUSY), as containers
+///   have them, are not replaced.
 /// - The new file belongs to the user and group of the process, or to the group of a set-group-ID
-///   directory. If the process is not in that group, the kernel drops a set-group-ID bit.
-/// - Extended attributes and access control lists of the old file are not kept.
-/// - On a file system that refuses chmod(2), every call fails.
+///   directory. Other hard links keep the old contents. Extended attributes and access control
+///   lists are not kept.
+/// - Calls for one path share the temporary name: two at the same time damage each other's work.
+///   Others can predict it: let only those who are trusted write to the directory.
 ///
-/// At most one call at a time may run for one path, in all processes: they share the temporary
-/// name. Others can predict that name, so only those who are trusted should be able to write to the
-/// directory.
-///
-/// @param path  the target, at most 4,090 bytes. Its last name must leave room for `.tmp`: at most
-///   251 bytes on most file systems.
-/// @param contents  the new contents.
-/// @param mode  permission bits as chmod(2) takes them, applied exactly, whatever the umask.
-/// @retval 0  the file was replaced.
-/// @retval -EINVAL  `path` is empty (check).
-/// @retval -ENAMETOOLONG  `path` is too long (check; with 4,091 bytes the temporary file has been
-///   written by then, and stays), or a name in it is (with a `<3>` message).
-/// @returns otherwise the negated errno of the step that failed, with one or two `<3>` messages.
+/// @param path  the file, at most 4,090 bytes, and 251 in its last name on most file systems. With
+///   `/` at its end, or `.` or `..` as its last name, the call fails and may leave a temporary
+///   file.
+/// @param mode  permission bits as chmod(2) takes them, whatever the umask. (FAT does not keep
+///   them, and refuses a set-user-ID bit. The kernel drops a set-group-ID bit for a group that the
+///   process is not in.)
+/// @retval -ENAMETOOLONG  `path` has more than 4,090 bytes (check; with 4,091 the temporary file
+///   has been written and stays), or a name in it is too long.
+/// @returns Every error of the system writes one or two `<3>` messages.
 [[nodiscard]] VUTIL_EXPORT int set_file_contents(std::string_view path, std::string_view contents,
                                                  unsigned int mode);
 
 /// Writes over the beginning of an existing file. See open(2), write(2).
 ///
 /// It is made for files that are an interface, such as those in /sys, or that hold records of a
-/// fixed size. The file is not created, not truncated and not flushed. What it held beyond
-/// `contents` stays. So do its permission bits, but the kernel clears set-user-ID and set-group-ID
-/// when an unprivileged process writes. A failure in the middle leaves the file partly overwritten:
-/// to replace a file safely, use set_file_contents(). For signals see write_all().
+/// fixed size. The file is not created, truncated or flushed: what it held beyond `contents` stays,
+/// and after a failure it may be partly overwritten. To replace a file safely, use
+/// set_file_contents().
 ///
-/// @param path  the file.
-/// @param contents  the bytes to write.
-/// @retval 0  all of it was written.
-/// @retval -ENOENT  there is no such file (with a `<3>` message).
-/// @retval -EINVAL  `path` is empty (check).
-/// @retval -ENAMETOOLONG  `path` is too long (check), or a name in it is (with a `<3>` message).
-/// @returns otherwise the negated errno of open(2) or write(2), with a `<3>` message.
+/// @retval -ENOENT  there is no such file. Every error of the system writes a `<3>` message.
+/// @retval -EINVAL  for example, a file in /sys does not accept the value.
 [[nodiscard]] VUTIL_EXPORT int set_file_contents_inplace(std::string_view path,
                                                          std::string_view contents);
 ///@}
@@ -345,32 +298,25 @@ VUTIL_EXPORT void xclose(int& fd);
 
 /// Flushes a file or directory to its device. See fsync(2).
 ///
-/// What was written through any descriptor is flushed, also by another process. To flush a
-/// directory makes the names in it durable.
+/// What was written through any descriptor of the file is flushed, also by another process. To
+/// flush a directory makes the names in it durable. The process must be allowed to read what it
+/// flushes.
 ///
-/// @param path  the file or directory. It is opened for reading, so the process must be allowed to
-///   read it.
-/// @retval 0  it was flushed.
-/// @retval -EINVAL  `path` is empty (check), or its file system cannot flush it.
-/// @retval -ENAMETOOLONG  `path` is too long (check), or a name in it is.
-/// @returns otherwise the negated errno of open(2) or fsync(2).
+/// @returns 0, or for example -ENOENT, -EACCES, or -EINVAL if the file system cannot flush it.
 [[nodiscard]] VUTIL_EXPORT int fsync_path(std::string_view path);
 
 /// Renames a file and flushes the directory of its new name, so that the rename survives a crash.
 /// See rename(2), fsync(2).
 ///
 /// The contents of the file are not flushed: if they are new, call fsync_path() on it first. Nor is
-/// the directory of the old name, if it is another: after a crash the file may be there too. On FAT
-/// the rename may be lost all the same, as with set_file_contents().
+/// the directory of the old name, if it is another: after a crash the file may have both names. On
+/// FAT the rename may be lost all the same, as with set_file_contents().
 ///
 /// @param oldpath  the file, directory or symbolic link to rename. A link is not followed.
-/// @param newpath  its new name. An existing file or link there is replaced; for directories see
-///   rename(2).
-/// @retval 0  it was renamed. If the directory could not be flushed, a `<4>` message says so.
-/// @retval -EINVAL  a path is empty (check), or rename(2) reported this error (with a `<3>`
-///   message).
-/// @retval -ENAMETOOLONG  a path is too long (check), or a name in it is (with a `<3>` message).
-/// @returns otherwise the negated errno of rename(2), with a `<3>` message.
+/// @param newpath  its new name. A file or link there is replaced; for directories and hard links
+///   see rename(2).
+/// @returns 0 if it was renamed; if then the directory cannot be flushed, a `<4>` message names it.
+///   Every error of the system writes a `<3>` message.
 [[nodiscard]] VUTIL_EXPORT int rename_fsync(std::string_view oldpath, std::string_view newpath);
 ///@}
 ///@}

@@ -1,4 +1,4 @@
-# Writes the blocks of the README into files in `directory`. A C++ or ini block goes to program/, or
+# Writes the blocks of the pages into files in `directory`. A C++ or ini block goes to program/, or
 # to expected/ if it is the second of its name, which stands in the line before it. Commands go to
 # tree.sh, and to program.sh after the heading "Use". Blocks of text are output, and left out.
 /^## / { place = /^## Use/ ? "program" : "tree" }
