@@ -119,6 +119,7 @@ int run(const char* path, milliseconds delay) {
   Reply reply;
   const int result = ask(client.fd, file.fd, reply);
   vutil::xclose(client.fd);
+  kill(child, SIGKILL);  // it has replied, or it is too late
   waitpid(child, nullptr, 0);
 
   if (result == -ETIMEDOUT) return fail("no reply in time", result);

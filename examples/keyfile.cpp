@@ -1,14 +1,15 @@
 // Reads and changes a key file from the command line.
 //
 //   keyfile FILE                               prints the document
-//   keyfile FILE GET SECTION KEY [DEFAULT]     prints a value; an absent key gets DEFAULT, which is
-//                                              stored (or else an empty text, 0 or false)
+//   keyfile FILE GET SECTION KEY [DEFAULT]     prints a value; an absent key gets DEFAULT, or else
+//                                              an empty text, 0 or false, and is saved if possible
 //   keyfile FILE set SECTION KEY VALUE         stores a value
 //   keyfile FILE load                          stores a value for each line "SECTION KEY VALUE" of
 //                                              standard input, and saves the file each time; at a
 //                                              line "reload" it reads the file again
 //
-// GET is get, get-integer, get-double or get-boolean: the type that the text must have.
+// GET is get, get-integer, get-double or get-boolean: the type that the text must have. DEFAULT is
+// then a decimal number, true or false.
 // Exit status: 0; 1 on failure, with a message on standard error; 2 on wrong usage.
 #include "vutil/keyfile.h"
 
@@ -39,7 +40,7 @@ vutil::KeyFile read_settings(const std::string& file) {
   std::string text;
   const int result = vutil::get_file_contents(file, text);
   if (result != 0 && result != -ENOENT) {
-    throw std::system_error(-result, std::generic_category(), file);
+    throw std::system_error(-result, std::generic_category());
   }
   return vutil::KeyFile(file, FILE_MODE);
 }
@@ -56,23 +57,26 @@ bool set(vutil::KeyFile& settings, const std::string& file, const std::string& s
   if (!settings.setString(section, key, value)) return false;
   std::string text;
   if (vutil::get_file_contents(file, text) == 0 && text == settings.toString()) return true;
-  throw std::runtime_error(file + " does not hold the change");
+  throw std::runtime_error("the file does not hold the change");
 }
 
-bool load(vutil::KeyFile& settings, const std::string& file, std::istream& input) {
-  for (std::string line; std::getline(input, line);) {
-    if (line == "reload") {  // what somebody else has changed would be lost at the next save
-      settings = read_settings(file);
-      continue;
-    }
+bool load(vutil::KeyFile& settings, const std::string& file) {
+  for (std::string line; std::getline(std::cin, line);) {
     std::istringstream words(line);
     std::string section;
     std::string key;
     std::string value;
     words >> section >> key >> std::ws;
     std::getline(words, value);
-    if (!set(settings, file, section, key, value)) return false;
+    if (section == "reload" && key.empty()) {
+      settings = read_settings(file);  // or the next save would undo what somebody has edited
+    } else if (key.empty()) {
+      throw std::invalid_argument("a line without a key: " + line);
+    } else if (!set(settings, file, section, key, value)) {
+      return false;
+    }
   }
+  if (ferror(stdin) != 0) throw std::runtime_error("standard input cannot be read");
   return true;
 }
 
@@ -106,7 +110,7 @@ bool run(const std::vector<std::string>& arguments) {
     return true;
   }
   const std::string& command = arguments[1];
-  if (command == "load") return load(settings, file, std::cin);
+  if (command == "load") return load(settings, file);
   if (command == "set") return set(settings, file, arguments[2], arguments[3], arguments[4]);
   if (command == "get-integer") return get(settings, &KeyFile::getInteger, arguments);
   if (command == "get-double") return get(settings, &KeyFile::getDouble, arguments);
@@ -142,7 +146,7 @@ int main(int argc, char** argv) {
             "       keyfile FILE load\n");
     return WRONG_USAGE;
   } catch (const std::exception& error) {
-    fprintf(stderr, "keyfile: %s\n", error.what());
+    fprintf(stderr, "keyfile: %s: %s\n", argv[1], error.what());
     return FAILURE;
   }
 }
