@@ -12,38 +12,39 @@
 ///   `-ENOENT` (errno(3)). Byte counts are delivered through `size_t*` parameters, on success and
 ///   on failure, but not after a failed check. Only get_file_contents() can throw an exception.
 /// - **Checks.** A function checks its arguments first. If a check fails, the function writes a
-///   `<2>` message, does nothing else, and returns the error that is marked "(check)". Three checks
-///   are common and not repeated below: a negative descriptor gives -EBADF, an empty path -EINVAL,
-///   and a path of more than 4,094 bytes -ENAMETOOLONG.
-/// - **Errors of the system.** The comments name the results that a program meets in normal use.
-///   Any other error that a system call reports is returned too, negated; and an error that is
-///   named below may have another cause as well. The manual pages behind "See" tell.
+///   `<2>` message, does nothing else, and returns the error that is marked "(check)". Not repeated
+///   below: a negative descriptor gives -EBADF, an empty path -EINVAL, and a path of more than
+///   4,094 bytes -ENAMETOOLONG.
+/// - **Errors of the system.** The comments name the results of normal use. Every other error of a
+///   system call, except close(2), is returned too, negated, and one that is named may have another
+///   cause as well: the manual pages behind "See" tell.
 /// - **Waiting.** Nothing is retried: EINTR and EAGAIN are failures like any other. Only the three
-///   functions that read before a deadline limit the time for which they wait. To write, connect or
-///   receive a descriptor before a deadline, put the descriptor in non-blocking mode and wait with
-///   poll(2) first.
-/// - **Messages.** A message is one line on `stderr`, in one write(2) if there is memory for that.
-///   It begins with a priority (sd-daemon(3)): `<2>` a check failed, `<3>` the operation failed,
-///   `<4>` it succeeded, with a warning. Where no `<3>` or `<4>` message is mentioned, none is
-///   written. Tools may match the fixed words of a message, and the line of src/io.cpp in a `<2>`
-///   message: they stay the same in all versions 0.x. The text of an error is the system's
-///   (strerror(3)). To write a message takes the lock of `stderr` (flockfile(3)), waits if standard
-///   error is a full pipe, and can raise a signal. Its failure is ignored.
-/// - **Signals.** By default two signals end a process that writes, messages included: SIGPIPE if
-///   nobody reads from the pipe or stream socket (if ignored: -EPIPE), and SIGXFSZ if a write goes
-///   beyond RLIMIT_FSIZE (if ignored: -EFBIG). Do not call these functions in a signal handler.
+///   functions that read before a deadline limit how long they wait; a signal need not end the wait
+///   of the others. To open a FIFO waits for its other end. To write, or to receive a descriptor,
+///   before a deadline, put the descriptor in non-blocking mode, and after -EAGAIN wait with
+///   poll(2) and call again.
+/// - **Messages.** A message is one line on `stderr`, normally in one write(2). It begins with a
+///   priority (sd-daemon(3)): `<2>` a check failed, `<3>` the operation failed, `<4>` it succeeded,
+///   with a warning. Where no `<3>` or `<4>` message is mentioned, none is written. Tools may match
+///   a message, apart from paths, names and the system's text of an error (strerror(3)): in all
+///   versions 0.x it stays the same, and so does the line number of src/io.cpp in a `<2>` message.
+///   To write a message takes the lock of `stderr` (flockfile(3)) and waits while standard error is
+///   a full pipe. Nobody is told if that fails.
+/// - **Signals.** A write, and so a message, can raise SIGPIPE (nobody reads from the pipe or
+///   stream socket) or SIGXFSZ (beyond RLIMIT_FSIZE). By default they end the process; if they are
+///   ignored, the result is -EPIPE or -EFBIG. Do not call these functions in a signal handler.
 /// - **Descriptors.** A descriptor that is passed in stays the caller's. One that a function opens
 ///   has O_CLOEXEC, and is closed before the function returns or throws. Keep the descriptors 0, 1
-///   and 2 of a process open: otherwise a file that the library opens may get the number 2, and a
-///   message goes into that file.
+///   and 2 of a process open: otherwise a file that the library opens or receives may get the
+///   number 2, and a message goes into it.
 /// - **Paths.** A path needs no NUL byte at its end, and must not hold one (this is not checked).
 ///   Symbolic links are followed. Messages show paths as they are, line feeds included: a program
 ///   that takes paths from others must check them, or others can forge its messages.
-/// - **Threads.** The functions keep no state and may run in any number of threads. What must not
-///   happen at the same time: two calls that read from one descriptor, two that write to one, the
-///   closing of a descriptor that a call uses, and two calls that write to one path, even in two
-///   processes. Do not cancel a thread (pthread_cancel(3)) that may be in the library: the process
-///   may end, or a descriptor leak.
+/// - **Threads.** The functions keep no state and may run in any number of threads; 32 KiB of stack
+///   are enough. What must not happen at the same time: two calls that read from one descriptor,
+///   two that write to one, the closing of a descriptor that a call uses, and two calls that write
+///   to one path, even in two processes. Do not cancel a thread (pthread_cancel(3)) that may be in
+///   the library: the process may end, or a descriptor leak.
 #ifndef VUTIL_IO_H_
 #define VUTIL_IO_H_
 
@@ -67,20 +68,17 @@ namespace vutil {
 
 /// Closes the descriptor in a variable and sets the variable to -1. See close(2).
 ///
-/// It is made for clean-up on every way out of a function: it may be called again and again, and it
-/// never changes errno.
-///
-/// @param fd  the variable. If it is negative, it holds no descriptor, and nothing is done.
-///   Otherwise it is -1 afterwards, even if close(2) failed with EINTR or EIO: Linux has released
-///   the descriptor by then, and to close it again could close one of another thread. Only a number
-///   that is not an open descriptor stays; a `<2>` message reports this fault of the program.
+/// It is made for clean-up on every way out of a function: it does nothing if the variable is
+/// negative, and never changes errno. Otherwise the variable is -1 afterwards, even if close(2)
+/// failed with EINTR or EIO: Linux has released the descriptor by then. Only after EBADF, when
+/// there was no such descriptor, does the number stay; a `<2>` message reports this error of the
+/// program.
 VUTIL_EXPORT void xclose(int& fd);
 
 /// Puts a descriptor in blocking mode (true) or non-blocking mode (false). See O_NONBLOCK in
 /// fcntl(2).
 ///
-/// The mode belongs to the open file description: it changes for every duplicate of the descriptor,
-/// in other processes too. The other status flags stay.
+/// The mode changes for every duplicate of the descriptor, in other processes too.
 ///
 /// @returns 0, or -EBADF if `fd` is not open.
 [[nodiscard]] VUTIL_EXPORT int set_blocking(int fd, bool blocking);
@@ -107,17 +105,17 @@ VUTIL_EXPORT void xclose(int& fd);
 
 /// Writes an array of buffers in order, in as many calls as it takes. See writev(2).
 ///
-/// The array is the record of progress: afterwards it describes what was not written. An entry that
-/// was written whole has length 0, and one that was written in part begins at its first unwritten
-/// byte. So after -EAGAIN or -EINTR the same array can be passed again.
+/// Afterwards the array describes what was not written: an entry that was written whole has length
+/// 0, and one that was written in part begins at its first unwritten byte. So after -EAGAIN or
+/// -EINTR the same array can be passed again.
 ///
 /// @param iov  the buffers, changed as described. Must be null if `iovcnt` is 0.
-/// @param bytes_written_out  receives the number of bytes that this call wrote. May be null.
+/// @param bytes_written_out  receives the number of bytes written. May be null.
 /// @retval 0  all was written, or the device took no bytes and reported no error.
-/// @retval -EAGAIN  as in write_all(), but **with a `<3>` message**, like every failure of
-///   writev(2).
-/// @retval -EINVAL  `iovcnt` is negative, or is 0 while `iov` is not null (check); or the array is
-///   too large for writev(2).
+/// @retval -EAGAIN  the descriptor takes no more now. **Every failure of writev(2), this one too,
+///   writes a `<3>` message.**
+/// @retval -EINVAL  `iovcnt` is negative, or is 0 while `iov` is not null (check); or the array has
+///   more than IOV_MAX (1,024) entries, or is too large.
 [[nodiscard]] VUTIL_EXPORT int writev_all(int fd, struct iovec* iov, int iovcnt,
                                           std::size_t* bytes_written_out);
 
@@ -137,21 +135,25 @@ VUTIL_EXPORT void xclose(int& fd);
 /// }
 /// ~~~
 ///
-/// The descriptor is *not* close-on-exec. If another thread may call fork(2), hold a lock around
-/// this call and FD_CLOEXEC, and the same lock around fork(2). All further descriptors that come
-/// are closed, and on failure all: a sender cannot make the caller leak one.
+/// The descriptor is *not* close-on-exec. If another thread may start a program, hold a lock around
+/// this call and FD_CLOEXEC, and the same lock around the start; in non-blocking mode it is not
+/// held for long. All further descriptors that come are closed, and on failure all: a sender cannot
+/// make the caller leak one, but with SO_LINGER (socket(7)) it can make the closing wait.
 ///
-/// @param iov  buffers for the data, with room for at least one byte in all: without room, a
-///   waiting datagram or descriptor may be lost. Must be null if `iovcnt` is 0.
-/// @param bytes_received_out  receives the number of bytes, on success and with -EMSGSIZE;
-///   untouched on every other failure. Must not be null (this is not checked).
+/// @param iov  buffers for the data, with room for at least one byte in all. Must be null if
+///   `iovcnt` is 0.
+/// @param bytes_received_out  receives the number of bytes, on success and if a datagram was
+///   truncated; otherwise untouched. Must not be null (this is not checked).
 /// @param result_fd  receives the descriptor, which belongs to the caller; or -1 on failure, if
 ///   none was passed, and if the process has too many open (RLIMIT_NOFILE). Untouched after a
 ///   failed check.
 /// @retval 0  data was received. On a stream that may be a part of what was sent, and the next call
 ///   gives more.
-/// @retval -ECANCELED  no data came, or there was no room. On a stream, the connection has ended.
-///   On other sockets nothing tells the end from an empty datagram: let each datagram hold a byte.
+/// @retval -ECANCELED  no data came. On a stream, the connection has ended. On other sockets
+///   nothing tells the end from an empty datagram: let no datagram be empty. (Without room in the
+///   buffers this is the result too, and what was waiting may be lost.)
+/// @retval -ECONNRESET  the other end has closed without reading everything. What it had sent
+///   before may still be received.
 /// @retval -EMSGSIZE  a datagram was truncated: the buffers hold its beginning, the rest is lost.
 /// @retval -EAGAIN  nothing is there now.
 /// @retval -EINVAL  `iovcnt` is negative, or is 0 while `iov` is not null, or `result_fd` is null
@@ -179,29 +181,28 @@ VUTIL_EXPORT void xclose(int& fd);
 /// }
 /// ~~~
 ///
-/// No wait lasts beyond the deadline, however many reads it takes. What is there already is read
-/// even after the deadline.
+/// Waiting ends at the deadline (later only if the process is stopped meanwhile), however many
+/// reads it takes. What is there by then is still read.
 ///
-/// After a failure the bytes that came are in the buffer. A program may read the rest, to `vbuffer`
-/// plus the count. If it does not, it must close the connection: in the middle of a frame it cannot
-/// tell where the next one begins.
+/// After a failure `*bytes_read_out` bytes are in the buffer. Read the rest with a further call, or
+/// close the connection, as the caller of read_frame() must: otherwise nobody can tell where the
+/// next frame begins.
 ///
 /// It is made for pipes, stream sockets and character devices. Short datagrams would be joined, and
-/// the end of a long one lost. A descriptor in blocking mode must give a byte when ppoll(2) says
-/// that it is readable, or the call waits beyond the deadline: let nobody else read from it, and
-/// leave SO_RCVLOWAT of a socket and VMIN of a terminal at 1.
+/// the end of a long one lost. Leave SO_RCVLOWAT of a socket and VMIN of a terminal at 1. In
+/// blocking mode let nobody else read from the descriptor, or the call may wait beyond the
+/// deadline. Failures of ppoll(2) write a `<3>` message, those of read(2) none.
 ///
 /// @param fd  a descriptor open for reading. (The writing end of a pipe never becomes readable.)
 /// @param len  the number of bytes wanted. If it is 0, no system call is made.
 /// @param deadline  a point in time, in nanoseconds on CLOCK_MONOTONIC (clock_gettime(2)), the
-///   clock of libstdc++'s `std::chrono::steady_clock`. It stands still while the system is
+///   clock of libstdc++'s `std::chrono::steady_clock`. That clock stands still while the system is
 ///   suspended. `std::chrono::nanoseconds::max()` waits for ever. (For a 32-bit program, a kernel
 ///   before Linux 5.1 refuses to wait for 68 years or more: -EOVERFLOW.)
 /// @retval -ETIMEDOUT  the deadline passed first.
 /// @retval -ECANCELED  a read gave 0 bytes: the file or the connection has ended, or a datagram was
-///   empty.
-/// @retval -EINTR  a signal handler has run. A failure of ppoll(2), as this mostly is, writes a
-///   `<3>` message; one of read(2) writes none.
+///   empty. (A connection that was reset, or a hang-up, can give another error.)
+/// @retval -EINTR  a signal handler has run, mostly in ppoll(2).
 /// @retval -EFAULT  `vbuffer` is null while `len` is not 0, or `bytes_read_out` is null (check).
 /// @retval -EINVAL  `deadline` is negative (check).
 [[nodiscard]] VUTIL_EXPORT int read_deadline(int fd, void* vbuffer, std::size_t len,
@@ -219,7 +220,7 @@ VUTIL_EXPORT void xclose(int& fd);
 
 /// Reads exactly `len` bytes before a deadline, as read_deadline() does, and discards them.
 ///
-/// How many were discarded before a failure is not reported. The buffer, 16 KiB, is on the stack.
+/// How many were discarded before a failure is not reported.
 [[nodiscard]] VUTIL_EXPORT int read_drain(int fd, std::size_t len,
                                           std::chrono::nanoseconds deadline);
 ///@}
@@ -230,7 +231,7 @@ VUTIL_EXPORT void xclose(int& fd);
 /// Reads a whole file into a string. See open(2), lseek(2), read(2).
 ///
 /// It is made for regular files, and works for attributes in /sys too. Files that do not tell their
-/// size, as in /proc, /sys/fs/cgroup or tracefs, pipes and terminals give a failure or, **without a
+/// size, as in /proc, /sys/fs/cgroup or tracefs, and terminals give a failure or, **without a
 /// message, an empty string**; a directory gives a failure or an exception. What is read while
 /// somebody writes into the file may be mixed from before and after.
 ///
@@ -254,38 +255,35 @@ VUTIL_EXPORT void xclose(int& fd);
 /// is flushed.
 ///
 /// - The process must be allowed to write to and search the directory, and to read it for the
-///   flush. If that flush fails, the file has been replaced: the result is 0, a `<4>` message names
-///   the directory, and a crash may bring back the old contents.
-/// - A failure before the rename leaves the path as it was and removes the temporary file. If the
-///   rename fails, or the process ends before it, the temporary file stays until the next call.
+///   flush; in a sticky directory it must own the old file or the directory. If the flush fails,
+///   the file has been replaced: the result is 0, a `<4>` message names the directory, and a crash
+///   may bring back the old contents. A program that must know calls fsync_path() on the directory.
+/// - A failure leaves the path as it was. The temporary file may stay, as it does when the process
+///   ends in between; the next call removes it, or fails if it cannot.
 /// - A crash soon after the call may leave fewer permission bits than `mode` has.
 /// - A symbolic link, FIFO, socket or device node at the path is replaced, not followed or written
 ///   to. A directory (-EISDIR), and a file that is itself a mount point (-EBUSY), as containers
 ///   have them, are not replaced.
 /// - The new file belongs to the user and group of the process, or to the group of a set-group-ID
 ///   directory. Other hard links keep the old contents. Extended attributes and access control
-///   lists are not kept.
-/// - Calls for one path share the temporary name: two at the same time damage each other's work.
-///   Others can predict it: let only those who are trusted write to the directory.
+///   lists of the old file are not kept.
+/// - The temporary name is the same for all: two calls at the same time can damage the file, and
+///   others can predict it. Let only those who are trusted write to the directory.
 ///
-/// @param path  the file, at most 4,090 bytes, and 251 in its last name on most file systems. With
-///   `/` at its end, or `.` or `..` as its last name, the call fails and may leave a temporary
-///   file.
+/// @param path  the file: at most 4,090 bytes, and 251 in its last name on most file systems, or
+///   the result is -ENAMETOOLONG. With `/` at its end, or `.` or `..` as its last name, the call
+///   fails.
 /// @param mode  permission bits as chmod(2) takes them, whatever the umask. (FAT does not keep
 ///   them, and refuses a set-user-ID bit. The kernel drops a set-group-ID bit for a group that the
 ///   process is not in.)
-/// @retval -ENAMETOOLONG  `path` has more than 4,090 bytes (check; with 4,091 the temporary file
-///   has been written and stays), or a name in it is too long.
 /// @returns Every error of the system writes one or two `<3>` messages.
 [[nodiscard]] VUTIL_EXPORT int set_file_contents(std::string_view path, std::string_view contents,
                                                  unsigned int mode);
 
 /// Writes over the beginning of an existing file. See open(2), write(2).
 ///
-/// It is made for files that are an interface, such as those in /sys, or that hold records of a
-/// fixed size. The file is not created, truncated or flushed: what it held beyond `contents` stays,
-/// and after a failure it may be partly overwritten. To replace a file safely, use
-/// set_file_contents().
+/// It is made for files in /sys and for records of a fixed size. The file is not created, truncated
+/// or flushed: what it held beyond `contents` stays, and a failure may leave it partly overwritten.
 ///
 /// @retval -ENOENT  there is no such file. Every error of the system writes a `<3>` message.
 /// @retval -EINVAL  for example, a file in /sys does not accept the value.
@@ -298,9 +296,8 @@ VUTIL_EXPORT void xclose(int& fd);
 
 /// Flushes a file or directory to its device. See fsync(2).
 ///
-/// What was written through any descriptor of the file is flushed, also by another process. To
-/// flush a directory makes the names in it durable. The process must be allowed to read what it
-/// flushes.
+/// What was written through any descriptor of the file is flushed; of a directory, the names in it.
+/// The process must be allowed to read what it flushes.
 ///
 /// @returns 0, or for example -ENOENT, -EACCES, or -EINVAL if the file system cannot flush it.
 [[nodiscard]] VUTIL_EXPORT int fsync_path(std::string_view path);
@@ -310,7 +307,7 @@ VUTIL_EXPORT void xclose(int& fd);
 ///
 /// The contents of the file are not flushed: if they are new, call fsync_path() on it first. Nor is
 /// the directory of the old name, if it is another: after a crash the file may have both names. On
-/// FAT the rename may be lost all the same, as with set_file_contents().
+/// FAT the rename may be lost all the same.
 ///
 /// @param oldpath  the file, directory or symbolic link to rename. A link is not followed.
 /// @param newpath  its new name. A file or link there is replaced; for directories and hard links

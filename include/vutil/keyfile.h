@@ -18,12 +18,20 @@ struct KeyFileImpl;
 /// typed accessors, and saved whole and durably after every change.
 ///
 /// ~~~{.cpp}
+/// // Reads the settings, or reads them again after somebody has edited the file. By itself, a
+/// // KeyFile takes a file that it cannot read for an empty one, and its next save replaces it.
+/// vutil::KeyFile read_settings() {
+///   const std::string path = "/var/lib/sensor/settings.conf";
+///   std::string text;
+///   const int result = vutil::get_file_contents(path, text);
+///   if (result == 0 || result == -ENOENT) return vutil::KeyFile(path, 0640);
+///   throw std::system_error(-result, std::generic_category(), path);
+/// }
+///
 /// // The port to listen on. The first call stores the default in the file.
-/// int port() {
-///   vutil::KeyFile settings("/var/lib/sensor/settings.conf", 0640);
+/// int port(vutil::KeyFile& settings) {
 ///   int number = 0;
-///   if (!settings.getInteger("network", "port", number, 8080)) return -1;
-///   return number;
+///   return settings.getInteger("network", "port", number, 8080) ? number : -1;
 /// }
 /// ~~~
 ///
@@ -32,64 +40,52 @@ struct KeyFileImpl;
 /// writes the document to the path. *White space* is space, tab, line feed, vertical tab, form feed
 /// and carriage return. What io.h says of messages, signals, paths and cancellation holds here too.
 ///
-/// **Format.** [The format of key files](docs/format.md) describes it in full, beside those of
-/// other libraries.
+/// **Format.** [The format of key files](docs/format.md) describes it. A comment runs from `#` or
+/// `;` to the end of the line, unless a backslash stands right before it. A save writes sections
+/// and keys in the order of their bytes. **Comments and blank lines are not kept.**
 ///
-/// ~~~{.ini}
-/// # A comment runs from '#' or ';' to the end of the line.
-/// [network]
-/// port = 8080            ; white space around key and value is dropped
-/// motd = Room \#4        ; a backslash right before '#' or ';' makes it ordinary text
-/// ~~~
-///
-/// A save writes sections and keys in the order of their bytes. **Comments and blank lines are not
-/// kept.**
-///
-/// **Refused text.** The accessors store nothing that would not read back from the file: a section
-/// name that is empty or holds `]` or a line feed; a key that holds `=` or a line feed, begins with
-/// `[`, or begins or ends with white space; a value that holds a line feed. (White space at the
-/// ends of a value is stored, but is lost when the file is read again.) An accessor that refuses
-/// text changes nothing, writes a `<3>` message with the path and the reason, and returns false.
+/// **Refused text.** An accessor stores no section name that is empty or holds `]`, no key that
+/// holds `=`, begins with `[`, or begins or ends with white space, and no line feed. Then it
+/// changes nothing, writes a `<3>` message with the path and the reason, and returns false. White
+/// space at the ends of a value is stored, but is lost when the file is read again.
 ///
 /// **Saving.** Every setter saves, and so does every getter of an absent key, with
-/// set_file_contents(): after a crash the file holds the old document or the new one. What that
-/// function says of durability, FAT, links, mount points, owners, names and the rights that the
-/// process needs holds here too. If only the save fails, `<3>` messages say so, the accessor still
-/// returns true, the file keeps its old contents, and the next save that succeeds writes all
-/// changes. To learn whether a value was saved, a program without a content callback compares the
-/// file with toString(), as examples/keyfile.cpp does.
+/// set_file_contents(): what that function says of crashes, FAT, rights, links, owners and names
+/// holds here too. If set_file_contents() fails, `<3>` messages say so, the accessor still returns
+/// true, the file keeps its old contents, and the next save that succeeds writes all changes. To
+/// learn whether the file holds a value, a program without a content callback compares the file
+/// with toString(), as examples/keyfile.cpp does.
 ///
-/// **What it cannot do.** There is no way to store several values in one save, to look for a key
-/// without storing a default, or to list or remove keys, except through the text: toString() gives
-/// it, and set_file_contents() writes it before an object is constructed.
+/// **What it cannot do:** store several values in one save, look for a key without storing a
+/// default, list or remove keys. A program without a content callback can change the text that
+/// toString() gives, save it with set_file_contents(), and construct the object anew.
 ///
-/// **One object for a path.** An object never sees what others write to the file, and its next save
-/// overwrites it, even if the two take turns. That goes for two objects, for a process and its
-/// child after fork(2), and for a person with an editor. So let one object own the file, and
-/// construct it anew after somebody has edited it: `settings = vutil::KeyFile(path, mode);`. If
-/// that throws, `settings` still has its old document: to save that would overwrite the edit.
-/// Programs that share a file construct an object for each change, and hold a lock meanwhile
-/// (flock(2), on another file). To read a file while another process saves it is safe.
+/// **One object for a path.** An object never sees what others write to the file (another object,
+/// another process, an editor): its next save overwrites that. So let one object own the file.
+/// After an edit, and before the next save, construct the object anew: `settings =
+/// read_settings()`. If that throws, `settings` keeps its old document, and its next save
+/// overwrites the edit. Programs that share a file take a lock (flock(2), on another file), then
+/// construct an object, and release the lock after its last use. To construct an object is safe
+/// while others save; to use its getters is not, as they may save. A child after fork(2) must not
+/// use an object of its parent.
 ///
-/// **Exceptions.** Accessors report what derives from `std::exception` with a `<3>` message and
-/// return false. The document may then hold the new value all the same, and the next save writes
-/// it, if memory ran out, the content callback threw, or a default does not read back. Accessors
-/// throw only `std::system_error` if the lock cannot be taken, `std::bad_alloc` if there is no
-/// memory to copy a string default or value, and what the content callback throws that does not
-/// derive from `std::exception`.
+/// **Exceptions.** Accessors throw `std::system_error` if the lock cannot be taken,
+/// `std::bad_alloc` if there is no memory to copy a string default or value, and what the content
+/// callback throws that does not derive from `std::exception`. For every other exception they write
+/// a `<3>` message and return false. If memory ran out, the content callback threw, or a default
+/// does not read back, the document may hold the new value all the same, and the next save writes
+/// it.
 ///
 /// **Threads.** The accessors of one object may be called from any number of threads: each holds
 /// the object's lock while it runs, its save included. All other members take no lock: they must
-/// not run while another thread may use the object. At most one save at a time may run for one
-/// path, in all objects and processes.
+/// not run while another thread may use the object.
 ///
-/// **Locale.** Numbers are written as the global C++ locale has them, and real numbers are read by
-/// LC_NUMERIC. With other than the classic locale a program may write numbers that others, and its
-/// own getInteger(), cannot read.
+/// **Locale.** Numbers are written by the global C++ locale, and real numbers are read by
+/// LC_NUMERIC. Unless both are the classic locale, a number may be read back as another one, or not
+/// at all.
 ///
-/// **Moved-from objects** may be destroyed and assigned to, and be moved from. Accessors,
-/// toString() and write() only write a `<2>` message and return false, an empty string, and
-/// nothing.
+/// **Moved-from objects** may only be destroyed, assigned to and moved from. Any other call writes
+/// a `<2>` message and returns false, an empty string, or nothing.
 class KeyFile {
  public:
   /// Which way the text goes when the content callback sees it.
@@ -101,10 +97,10 @@ class KeyFile {
   /// Reads and parses the file with get_file_contents(). If there is no file, or no directory, the
   /// document is empty, without a message.
   ///
-  /// @warning A file that exists but cannot be read (no permission, an I/O error) also gives an
-  ///   empty document, after the message of get_file_contents(), and **the next save replaces the
-  ///   file**. To prevent that, call get_file_contents() on the path first and go on only if it
-  ///   gives 0 or -ENOENT.
+  /// @warning A regular file that exists but cannot be read (no permission, an I/O error) also
+  ///   gives an empty document, after the message of get_file_contents(), and **the next save
+  ///   replaces the file**. To prevent that, call get_file_contents() first, as read_settings()
+  ///   does above.
   ///
   /// @param path  the file to read and to save to. A relative path is resolved against the working
   ///   directory of the moment, at every save. A path that set_file_contents() does not accept can
@@ -114,9 +110,7 @@ class KeyFile {
   ///   after it was read, and with the text of the document before each save. It may change the
   ///   text, to encrypt it for example: what it leaves is parsed or saved. If it throws, nothing is
   ///   parsed or saved. It runs in the calling thread, and is moved and destroyed with the object.
-  ///   During a save it may call toString() of the object; write() would call it again, without
-  ///   end, and an accessor throws `std::system_error` with EDEADLK if the save is that of an
-  ///   accessor.
+  ///   During a save it may call toString() of the object, and no other member.
   ///
   /// @throws std::logic_error  the text is malformed. The file stays as it is. A `<3>` message
   ///   names the path, and what() the line: `l.7: ini parsing failed, no '=' found`.
@@ -138,7 +132,7 @@ class KeyFile {
   KeyFile(const KeyFile&) = delete;
   KeyFile& operator=(const KeyFile&) = delete;
 
-  /// Does not save: every change has been saved, or its failure reported.
+  /// Does not save.
   VUTIL_EXPORT ~KeyFile();
 
   /// The document as text, as write() hands it to the content callback; empty if there are no
@@ -147,8 +141,7 @@ class KeyFile {
   /// @throws std::bad_alloc  there is not enough memory.
   VUTIL_EXPORT std::string toString() const;
 
-  /// Saves the document. As the accessors save by themselves, a program needs this only to try
-  /// again after a failed save, or to create the file.
+  /// Saves the document, for example to try again after a failed save, or to create the file.
   ///
   /// If the save fails, the messages of set_file_contents() and a `<3>` message with the path say
   /// so; document and file stay as they are.
@@ -159,13 +152,12 @@ class KeyFile {
 
   /// @name Getters
   /// Each delivers the value of a key. If the key is absent, it is first created from the default,
-  /// with its section if need be, and the document is saved: once a program has asked for a
-  /// setting, it stands in the file. A key that is present is only read. Text that does not read as
-  /// the wanted type is a failure; it is left alone, not replaced.
+  /// with its section if need be, and the document is saved. A key that is present is only read.
+  /// Text that does not read as the wanted type is a failure; it is left alone, not replaced.
   ///
   /// @param[out] value  receives the value; untouched on failure.
   /// @param defaultValue  is stored if the key is absent, and then read back like any other text.
-  /// @returns true if `value` was delivered; false after a `<3>` message.
+  /// @returns true if `value` was delivered; false after a message.
   ///@{
 
   /// Delivers any text. `value` and `defaultValue` may be the same object.
@@ -183,8 +175,8 @@ class KeyFile {
   /// Delivers the number with which the text begins, as std::stod reads it: 2.5 for `2.5 volts`.
   ///
   /// A number that strtod(3) finds too large or too small, such as `1e400` or `1e-310`, is a
-  /// failure. A default is stored with six significant digits and comes back rounded to them; one
-  /// as small as 1e-310 is stored, but neither this nor a later call can read it back.
+  /// failure. A default is stored with six significant digits and comes back rounded to them. One
+  /// that is then too small, such as DBL_MIN, is stored, but cannot be read back.
   VUTIL_EXPORT bool getDouble(const std::string& section, const std::string& key, double& value,
                               double defaultValue);
 
@@ -198,8 +190,7 @@ class KeyFile {
   /// Each stores the text of a value, creates the key and its section if absent, and saves the
   /// document, also if the text was the same before.
   ///
-  /// @returns true if the value is in the document, even if the save failed; false after a `<3>`
-  ///   message.
+  /// @returns true if the value was stored in the document; false after a message.
   ///@{
 
   /// Stores the text as it is. The message of a failure may hold section, key and value: store no
