@@ -44,10 +44,10 @@ struct KeyFileImpl;
 /// `;` to the end of the line, unless a backslash stands right before it. A save writes sections
 /// and keys in the order of their bytes. **Comments and blank lines are not kept.**
 ///
-/// **Refused text.** An accessor stores no section name that is empty or holds `]`, no key that
-/// holds `=`, begins with `[`, or begins or ends with white space, and no line feed. Then it
-/// changes nothing, writes a `<3>` message with the path and the reason, and returns false. White
-/// space at the ends of a value is stored, but is lost when the file is read again.
+/// **Refused text.** An accessor refuses to store a section name that is empty or holds `]`, a key
+/// that holds `=`, begins with `[`, or begins or ends with white space, and a line feed anywhere:
+/// it changes nothing, writes a `<3>` message with the path and the reason, and returns false.
+/// White space at the ends of a value is stored, but is lost when the file is read again.
 ///
 /// **Saving.** Every setter saves, and so does every getter of an absent key, with
 /// set_file_contents(): what that function says of crashes, FAT, rights, links, owners and names
