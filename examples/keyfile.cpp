@@ -8,8 +8,8 @@
 //                                              standard input, and saves the file each time; at a
 //                                              line "reload" it reads the file again
 //
-// GET is get, get-integer, get-double or get-boolean: the type that the text must have. DEFAULT is
-// then a decimal number, true or false.
+// GET is get, get-integer, get-double or get-boolean: the type that the text must have. DEFAULT
+// is then a decimal number, for the last one true or false.
 // Exit status: 0; 1 on failure, with a message on standard error; 2 on wrong usage.
 #include "vutil/keyfile.h"
 

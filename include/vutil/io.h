@@ -16,17 +16,17 @@
 ///   below: a negative descriptor gives -EBADF, an empty path -EINVAL, and a path of more than
 ///   4,094 bytes -ENAMETOOLONG.
 /// - **Errors of the system.** The comments name the results of normal use. Every other error of a
-///   system call, except close(2), is returned too, negated, and one that is named may have another
-///   cause as well: the manual pages behind "See" tell.
+///   system call, except close(2), is returned too, negated, and a named error may have other
+///   causes: the manual pages behind "See" tell.
 /// - **Waiting.** Nothing is retried: EINTR and EAGAIN are failures like any other. Only the three
-///   functions that read before a deadline limit how long they wait; a signal need not end the wait
-///   of the others. To open a FIFO waits for its other end. To write, or to receive a descriptor,
-///   before a deadline, put the descriptor in non-blocking mode, and after -EAGAIN wait with
-///   poll(2) and call again.
+///   functions that read before a deadline limit how long they wait; the others may wait on after a
+///   signal. To open a FIFO waits for its other end. To write, or to receive a descriptor, before a
+///   deadline, call with a descriptor in non-blocking mode, and after -EAGAIN wait with poll(2) and
+///   call again.
 /// - **Messages.** A message is one line on `stderr`, normally in one write(2). It begins with a
 ///   priority (sd-daemon(3)): `<2>` a check failed, `<3>` the operation failed, `<4>` it succeeded,
 ///   with a warning. Where no `<3>` or `<4>` message is mentioned, none is written. Tools may match
-///   a message, apart from paths, names and the system's text of an error (strerror(3)): in all
+///   a message, apart from paths, names, values and the text of an error (strerror(3)): in all
 ///   versions 0.x it stays the same, and so does the line number of src/io.cpp in a `<2>` message.
 ///   To write a message takes the lock of `stderr` (flockfile(3)) and waits while standard error is
 ///   a full pipe. Nobody is told if that fails.
@@ -137,8 +137,9 @@ VUTIL_EXPORT void xclose(int& fd);
 ///
 /// The descriptor is *not* close-on-exec. If another thread may start a program, hold a lock around
 /// this call and FD_CLOEXEC, and the same lock around the start; in non-blocking mode it is not
-/// held for long. All further descriptors that come are closed, and on failure all: a sender cannot
-/// make the caller leak one, but with SO_LINGER (socket(7)) it can make the closing wait.
+/// held for long. All further descriptors that come are closed, and on failure all of them: a
+/// sender cannot make the caller leak one, but with SO_LINGER (socket(7)) it can make the closing
+/// wait.
 ///
 /// @param iov  buffers for the data, with room for at least one byte in all. Must be null if
 ///   `iovcnt` is 0.
@@ -185,8 +186,8 @@ VUTIL_EXPORT void xclose(int& fd);
 /// reads it takes. What is there by then is still read.
 ///
 /// After a failure `*bytes_read_out` bytes are in the buffer. Read the rest with a further call, or
-/// close the connection, as the caller of read_frame() must: otherwise nobody can tell where the
-/// next frame begins.
+/// close the connection: nobody can tell where the next frame begins. The caller of read_frame()
+/// must close it, as the count is lost.
 ///
 /// It is made for pipes, stream sockets and character devices. Short datagrams would be joined, and
 /// the end of a long one lost. Leave SO_RCVLOWAT of a socket and VMIN of a terminal at 1. In
@@ -200,16 +201,17 @@ VUTIL_EXPORT void xclose(int& fd);
 ///   suspended. `std::chrono::nanoseconds::max()` waits for ever. (For a 32-bit program, a kernel
 ///   before Linux 5.1 refuses to wait for 68 years or more: -EOVERFLOW.)
 /// @retval -ETIMEDOUT  the deadline passed first.
-/// @retval -ECANCELED  a read gave 0 bytes: the file or the connection has ended, or a datagram was
-///   empty. (A connection that was reset, or a hang-up, can give another error.)
-/// @retval -EINTR  a signal handler has run, mostly in ppoll(2).
+/// @retval -ECANCELED  a read gave 0 bytes: the file or the connection has ended (between two
+///   frames, if the count is 0), or a datagram was empty. A reset connection or a hang-up can give
+///   another error.
+/// @retval -EINTR  a signal handler has run.
 /// @retval -EFAULT  `vbuffer` is null while `len` is not 0, or `bytes_read_out` is null (check).
 /// @retval -EINVAL  `deadline` is negative (check).
 [[nodiscard]] VUTIL_EXPORT int read_deadline(int fd, void* vbuffer, std::size_t len,
                                              std::size_t* bytes_read_out,
                                              std::chrono::nanoseconds deadline);
 
-/// Calls read_deadline() with the deadline now plus `timeout`. Messages name that function.
+/// Calls read_deadline() with the deadline now plus `timeout`. Messages name read_deadline().
 ///
 /// @param timeout  nanoseconds from now. With 0 the call does not wait: it reads what is there. A
 ///   negative time is a deadline in the past; one before the start of the clock gives -EINVAL

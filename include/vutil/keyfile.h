@@ -19,7 +19,7 @@ struct KeyFileImpl;
 ///
 /// ~~~{.cpp}
 /// // Reads the settings, or reads them again after somebody has edited the file. By itself, a
-/// // KeyFile takes a file that it cannot read for an empty one, and its next save replaces it.
+/// // KeyFile treats a file that it cannot read as empty, and its next save replaces it.
 /// vutil::KeyFile read_settings() {
 ///   const std::string path = "/var/lib/sensor/settings.conf";
 ///   std::string text;
@@ -53,23 +53,25 @@ struct KeyFileImpl;
 /// set_file_contents(): what that function says of crashes, FAT, rights, links, owners and names
 /// holds here too. If set_file_contents() fails, `<3>` messages say so, the accessor still returns
 /// true, the file keeps its old contents, and the next save that succeeds writes all changes. To
-/// learn whether the file holds a value, a program without a content callback compares the file
-/// with toString(), as examples/keyfile.cpp does.
+/// learn whether a setter has saved, a program without a content callback (see the constructor)
+/// compares the file with toString(), as examples/keyfile.cpp does; with one, only the messages
+/// tell.
 ///
 /// **What it cannot do:** store several values in one save, look for a key without storing a
-/// default, list or remove keys. A program without a content callback can change the text that
-/// toString() gives, save it with set_file_contents(), and construct the object anew.
+/// default, list or remove keys. A program without a content callback can read the text that
+/// toString() gives, or change it, save it with set_file_contents(), and if that succeeds,
+/// construct the object anew.
 ///
 /// **One object for a path.** An object never sees what others write to the file (another object,
 /// another process, an editor): its next save overwrites that. So let one object own the file.
-/// After an edit, and before the next save, construct the object anew: `settings =
-/// read_settings()`. If that throws, `settings` keeps its old document, and its next save
-/// overwrites the edit. Programs that share a file take a lock (flock(2), on another file), then
-/// construct an object, and release the lock after its last use. To construct an object is safe
-/// while others save; to use its getters is not, as they may save. A child after fork(2) must not
-/// use an object of its parent.
+/// After an edit, and before the next save, construct the object anew, as `settings =
+/// read_settings()` does. If that throws, `settings` keeps its old document, and its next save
+/// overwrites the edit. Programs that share a file take an exclusive lock (flock(2), on another
+/// file), then construct an object, and release the lock after its last use. To construct an object
+/// is safe while others save; to use its getters is not, as they may save. A child after fork(2)
+/// must not use an object of its parent.
 ///
-/// **Exceptions.** Accessors throw `std::system_error` if the lock cannot be taken,
+/// **Exceptions.** Accessors throw `std::system_error` if the object's lock cannot be taken,
 /// `std::bad_alloc` if there is no memory to copy a string default or value, and what the content
 /// callback throws that does not derive from `std::exception`. For every other exception they write
 /// a `<3>` message and return false. If memory ran out, the content callback threw, or a default
@@ -94,17 +96,17 @@ class KeyFile {
     Write = 1,  ///< The document as text, before it is saved.
   };
 
-  /// Reads and parses the file with get_file_contents(). If there is no file, or no directory, the
-  /// document is empty, without a message.
+  /// Reads and parses the file with get_file_contents(). If that gives -ENOENT, the document is
+  /// empty, without a message.
   ///
   /// @warning A regular file that exists but cannot be read (no permission, an I/O error) also
   ///   gives an empty document, after the message of get_file_contents(), and **the next save
-  ///   replaces the file**. To prevent that, call get_file_contents() first, as read_settings()
-  ///   does above.
+  ///   replaces the file**. To prevent that, unless an error comes only in between, call
+  ///   get_file_contents() first, as read_settings() does above.
   ///
   /// @param path  the file to read and to save to. A relative path is resolved against the working
-  ///   directory of the moment, at every save. A path that set_file_contents() does not accept can
-  ///   be read, but not saved.
+  ///   directory of the moment, at every save. A path that set_file_contents() does not accept
+  ///   cannot be saved.
   /// @param mode  permission bits of the saved file as chmod(2) takes them, whatever the umask.
   /// @param callback  the content callback: if not empty, it is called with the text of the file
   ///   after it was read, and with the text of the document before each save. It may change the
@@ -190,11 +192,11 @@ class KeyFile {
   /// Each stores the text of a value, creates the key and its section if absent, and saves the
   /// document, also if the text was the same before.
   ///
-  /// @returns true if the value was stored in the document; false after a message.
+  /// @returns true if the value was stored in the document; false after a message, which may hold
+  ///   section, key and value: store no secrets that must not reach a journal.
   ///@{
 
-  /// Stores the text as it is. The message of a failure may hold section, key and value: store no
-  /// secrets that must not reach a journal.
+  /// Stores the text as it is.
   VUTIL_EXPORT bool setString(const std::string& section, const std::string& key,
                               const std::string& value);
 
