@@ -29,7 +29,7 @@
 ///   a message, apart from paths, names, values and the text of an error (strerror(3)): in all
 ///   versions 0.x it stays the same, and so does the line number of src/io.cpp in a `<2>` message.
 ///   To write a message takes the lock of `stderr` (flockfile(3)) and waits while standard error is
-///   a full pipe. Nobody is told if that fails.
+///   a full pipe. A message that fails is lost.
 /// - **Signals.** A write, and so a message, can raise SIGPIPE (nobody reads from the pipe or
 ///   stream socket) or SIGXFSZ (beyond RLIMIT_FSIZE). By default they end the process; if they are
 ///   ignored, the result is -EPIPE or -EFBIG. Do not call these functions in a signal handler.
@@ -109,9 +109,10 @@ VUTIL_EXPORT void xclose(int& fd);
 /// 0, and one that was written in part begins at its first unwritten byte. So after -EAGAIN or
 /// -EINTR the same array can be passed again.
 ///
-/// @param iov  the buffers, changed as described. Must be null if `iovcnt` is 0.
+/// @param iov  the buffers, changed as described.
 /// @param bytes_written_out  receives the number of bytes written. May be null.
-/// @retval 0  all was written, or the device took no bytes and reported no error.
+/// @retval 0  all was written; or the device took no bytes and reported no error, as the count
+///   shows.
 /// @retval -EAGAIN  the descriptor takes no more now. **Every failure of writev(2), this one too,
 ///   writes a `<3>` message.**
 /// @retval -EINVAL  `iovcnt` is negative, or is 0 while `iov` is not null (check); or the array has
@@ -141,8 +142,7 @@ VUTIL_EXPORT void xclose(int& fd);
 /// sender cannot make the caller leak one, but with SO_LINGER (socket(7)) it can make the closing
 /// wait.
 ///
-/// @param iov  buffers for the data, with room for at least one byte in all. Must be null if
-///   `iovcnt` is 0.
+/// @param iov  buffers for the data, with room for at least one byte in all.
 /// @param bytes_received_out  receives the number of bytes, on success and if a datagram was
 ///   truncated; otherwise untouched. Must not be null (this is not checked).
 /// @param result_fd  receives the descriptor, which belongs to the caller; or -1 on failure, if
@@ -151,11 +151,12 @@ VUTIL_EXPORT void xclose(int& fd);
 /// @retval 0  data was received. On a stream that may be a part of what was sent, and the next call
 ///   gives more.
 /// @retval -ECANCELED  no data came. On a stream, the connection has ended. On other sockets
-///   nothing tells the end from an empty datagram: let no datagram be empty. (Without room in the
-///   buffers this is the result too, and what was waiting may be lost.)
+///   nothing tells the end from an empty datagram: let senders send none that is empty. (Without
+///   room in the buffers this is the result too, and what was waiting may be lost.)
 /// @retval -ECONNRESET  the other end has closed without reading everything. What it had sent
 ///   before may still be received.
 /// @retval -EMSGSIZE  a datagram was truncated: the buffers hold its beginning, the rest is lost.
+///   Or the array has more than IOV_MAX (1,024) entries.
 /// @retval -EAGAIN  nothing is there now.
 /// @retval -EINVAL  `iovcnt` is negative, or is 0 while `iov` is not null, or `result_fd` is null
 ///   (check).
@@ -259,7 +260,7 @@ VUTIL_EXPORT void xclose(int& fd);
 /// - The process must be allowed to write to and search the directory, and to read it for the
 ///   flush; in a sticky directory it must own the old file or the directory. If the flush fails,
 ///   the file has been replaced: the result is 0, a `<4>` message names the directory, and a crash
-///   may bring back the old contents. A program that must know calls fsync_path() on the directory.
+///   may bring back the old contents.
 /// - A failure leaves the path as it was. The temporary file may stay, as it does when the process
 ///   ends in between; the next call removes it, or fails if it cannot.
 /// - A crash soon after the call may leave fewer permission bits than `mode` has.
@@ -273,8 +274,8 @@ VUTIL_EXPORT void xclose(int& fd);
 ///   others can predict it. Let only those who are trusted write to the directory.
 ///
 /// @param path  the file: at most 4,090 bytes, and 251 in its last name on most file systems, or
-///   the result is -ENAMETOOLONG. With `/` at its end, or `.` or `..` as its last name, the call
-///   fails.
+///   the result is -ENAMETOOLONG (with 4,091 bytes only after the temporary file was written, which
+///   stays). With `/` at its end, or `.` or `..` as its last name, the call fails.
 /// @param mode  permission bits as chmod(2) takes them, whatever the umask. (FAT does not keep
 ///   them, and refuses a set-user-ID bit. The kernel drops a set-group-ID bit for a group that the
 ///   process is not in.)

@@ -64,12 +64,12 @@ struct KeyFileImpl;
 ///
 /// **One object for a path.** An object never sees what others write to the file (another object,
 /// another process, an editor): its next save overwrites that. So let one object own the file.
-/// After an edit, and before the next save, construct the object anew, as `settings =
-/// read_settings()` does. If that throws, `settings` keeps its old document, and its next save
-/// overwrites the edit. Programs that share a file take an exclusive lock (flock(2), on another
-/// file), then construct an object, and release the lock after its last use. To construct an object
-/// is safe while others save; to use its getters is not, as they may save. A child after fork(2)
-/// must not use an object of its parent.
+/// After an edit, and before the next save, construct it anew: `settings = read_settings()`. If
+/// that throws, `settings` keeps its old document, and its next save overwrites the edit. Programs
+/// that share a file take an exclusive lock (flock(2), on another file), then construct an object,
+/// and release the lock after its last use. To construct an object is safe while others save; to
+/// use its getters is not, as they may save. A child after fork(2) must not use an object of its
+/// parent.
 ///
 /// **Exceptions.** Accessors throw `std::system_error` if the object's lock cannot be taken,
 /// `std::bad_alloc` if there is no memory to copy a string default or value, and what the content
