@@ -215,7 +215,7 @@ VUTIL_EXPORT void xclose(int& fd);
 /// Calls read_deadline() with the deadline now plus `timeout`. Messages name read_deadline().
 ///
 /// @param timeout  nanoseconds from now. With 0 the call does not wait: it reads what is there. A
-///   negative time is a deadline in the past; one before the start of the clock gives -EINVAL
+///   negative time is a deadline in the past; one from before the system started gives -EINVAL
 ///   (check). A time that is too long for the clock waits for ever.
 [[nodiscard]] VUTIL_EXPORT int read_timeout(int fd, void* vbuffer, std::size_t len,
                                             std::size_t* bytes_read_out,
